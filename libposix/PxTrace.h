@@ -1,0 +1,30 @@
+// Process-wide trace output: a mask of enabled classes, whole lines assembled
+// under one recursive mutex and written to standard output.
+#pragma once
+
+#include <atomic>
+
+#include "karvex/karvex_api.h"
+
+// The set of enabled trace classes (KARVEX_TRACE_* bits). Read without a lock
+// by every trace statement; a relaxed atomic keeps that well-defined.
+extern std::atomic<unsigned int> gTraceMask;
+
+inline bool PxTraceEnabled(unsigned int bit)
+{
+    return (gTraceMask.load(std::memory_order_relaxed) & bit) != 0;
+}
+
+// PXTRACE(bit, "%s: text %u\n", value): the mask bit is tested before anything
+// is formatted; the first %s receives the calling function's full signature.
+#define PXTRACE(bit, fmt, ...)                                   \
+    do {                                                         \
+        if (PxTraceEnabled(bit))                                 \
+            tprint(fmt, __PRETTY_FUNCTION__, ##__VA_ARGS__);     \
+    } while (0)
+
+#define PXTRACE_ERROR(fmt, ...) PXTRACE(KARVEX_TRACE_ERROR, fmt, ##__VA_ARGS__)
+#define PXTRACE_WARN(fmt, ...) PXTRACE(KARVEX_TRACE_WARNING, fmt, ##__VA_ARGS__)
+#define PXTRACE_INFO(fmt, ...) PXTRACE(KARVEX_TRACE_INFO, fmt, ##__VA_ARGS__)
+#define PXTRACE_VERBOSE(fmt, ...) PXTRACE(KARVEX_TRACE_VERBOSE, fmt, ##__VA_ARGS__)
+#define PXTRACE_FUNC(fmt, ...) PXTRACE(KARVEX_TRACE_FUNCTION, fmt, ##__VA_ARGS__)
