@@ -1,0 +1,366 @@
+#include "karvex_api_linux/KarvexApiLx.h"
+
+#include "libposix/PxTrace.h"
+#include "libtb/TbOSEnv.h"
+#include "libtb/TbStringUtils.h"
+
+KarvexApi::KarvexApi()
+    : mApiMutex(true), mDeviceChangeCallback(nullptr), mDeviceChangeCallbackContext(nullptr)
+{
+    mPnpNotificatorCallback.Init(this, &KarvexApi::OnDeviceChangeCallback);
+    // The supported adapters, in lookup order.
+    mVidPidList.AddVidPid(KARVEX_USB_VENDOR_ID, KARVEX_USB_PRODUCT_ID_1);
+    mVidPidList.AddVidPid(KARVEX_USB_VENDOR_ID, KARVEX_USB_PRODUCT_ID_2);
+    mVidPidList.AddVidPid(KARVEX_USB_VENDOR_ID, KARVEX_USB_PRODUCT_ID_3);
+    TPosixSetTraceMask(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING);
+}
+
+KarvexApi::~KarvexApi()
+{
+    mPnpNotificator.Stop();
+    if (!mDeviceContainer.IsEmpty())
+        PXTRACE_ERROR("%s: FATAL: The application has leaked device handles\n");
+    // Leaked devices are destroyed (and so closed) by the container.
+    mDeviceContainer.DeleteAllObjects();
+}
+
+// ---------------------------------------------------------------------------
+// Helpers
+
+KarvexDevice* KarvexApi::LockDevice(KARVEXDeviceHandle deviceHandle, const char* signature)
+{
+    PxMutexLock api(mApiMutex);
+    KarvexDevice* device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
+    if (device == nullptr) {
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: invalid deviceHandle 0x%08X\n", signature, deviceHandle);
+        return nullptr;
+    }
+    device->mMutex.Lock();
+    return device;
+}
+
+void KarvexApi::AcquireUse(KarvexDevice* device)
+{
+    std::lock_guard<std::mutex> lock(mUseMutex);
+    ++mDeviceUses[device];
+}
+
+void KarvexApi::ReleaseUse(KarvexDevice* device)
+{
+    std::lock_guard<std::mutex> lock(mUseMutex);
+    auto it = mDeviceUses.find(device);
+    if (it != mDeviceUses.end() && --it->second == 0) {
+        mDeviceUses.erase(it);
+        mUseCondition.notify_all();
+    }
+}
+
+void KarvexApi::WaitUntilUnused(KarvexDevice* device)
+{
+    std::unique_lock<std::mutex> lock(mUseMutex);
+    mUseCondition.wait(lock, [&] { return mDeviceUses.find(device) == mDeviceUses.end(); });
+}
+
+// ---------------------------------------------------------------------------
+// Hot-plug
+
+TSTATUS KarvexApi::RegisterDeviceChangeCallback(KARVEXCB_DeviceChangeEvent* callback, void* callbackContext)
+{
+    if (mPnpNotificator.IsNotificationThread()) {
+        // Stopping the notificator from its own callback would join itself.
+        PXTRACE_ERROR("%s: not allowed from inside the device change callback\n");
+        return TSTATUS_NOT_ALLOWED;
+    }
+    std::lock_guard<std::mutex> registration(mRegistrationMutex);
+    // Stopped before mApiMutex is taken: the callback may be waiting for it.
+    mPnpNotificator.Stop();
+
+    PxMutexLock api(mApiMutex);
+    mDeviceChangeCallback = callback;
+    mDeviceChangeCallbackContext = callbackContext;
+    if (callback != nullptr) {
+        TSTATUS st = mPnpNotificator.StartForHidRawDevices(&mPnpNotificatorCallback, &mVidPidList, true);
+        if (st != TSTATUS_SUCCESS) {
+            PXTRACE_ERROR("%s: mPnpNotificator.StartForHidRawDevices failed, err = 0x%08X\n",
+                          static_cast<unsigned int>(st));
+            return st;
+        }
+    }
+    return TSTATUS_SUCCESS;
+}
+
+void KarvexApi::OnDeviceChangeCallback(LxPnPNotificatorAction action, const char* syspath)
+{
+    KARVEXDeviceEvent event;
+    switch (action) {
+    case Action_add:
+    case Action_online:
+        PXTRACE_INFO("%s: device attached\n");
+        event = KARVEXEvent_DeviceAttached;
+        break;
+    case Action_remove:
+    case Action_offline:
+        PXTRACE_INFO("%s: device removed\n");
+        event = KARVEXEvent_DeviceRemoved;
+        break;
+    default:
+        PXTRACE_WARN("%s: ignore unknown action %d for device '%s'\n", static_cast<int>(action),
+                     syspath != nullptr ? syspath : "(null)");
+        return;
+    }
+    // Written only while the notificator is stopped, so no lock is needed here.
+    KARVEXCB_DeviceChangeEvent* callback = mDeviceChangeCallback;
+    if (callback == nullptr)
+        return;
+    try {
+        callback(mDeviceChangeCallbackContext, event);
+    } catch (...) {
+        PXTRACE_ERROR("%s: FATAL: Uncaught exception in device change callback\n");
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Enumeration, open, close
+
+TSTATUS KarvexApi::EnumerateDevices(unsigned int* deviceCount)
+{
+    PxMutexLock api(mApiMutex);
+    if (deviceCount == nullptr) {
+        PXTRACE_ERROR("%s: %s is NULL\n", "deviceCount");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    *deviceCount = 0;
+    TSTATUS st = mEnumerator.EnumerateHidRawDevices(&mVidPidList);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: EnumerateHidRawDevices failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    PXTRACE_INFO("%s: Found %u device(s)\n", mEnumerator.DeviceCount());
+    *deviceCount = mEnumerator.DeviceCount();
+    return TSTATUS_SUCCESS;
+}
+
+TSTATUS KarvexApi::GetDeviceInstanceId(unsigned int deviceIndex, T_UNICHAR* instanceIdString,
+                                       unsigned int stringBufferSize)
+{
+    PxMutexLock api(mApiMutex);
+    if (instanceIdString == nullptr) {
+        PXTRACE_ERROR("%s: %s is NULL\n", "instanceIdString");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    if (stringBufferSize < 2) {
+        PXTRACE_ERROR("%s: stringBufferSize=%u too small\n", stringBufferSize);
+        return TSTATUS_BUFFER_TOO_SMALL;
+    }
+    instanceIdString[0] = '\0';
+    const char* path = mEnumerator.DevicePath(deviceIndex);
+    if (path == nullptr) {
+        PXTRACE_ERROR("%s: invalid index %u\n", deviceIndex);
+        return TSTATUS_INVALID_INDEX;
+    }
+    const unsigned int needed = TbStringLen(path) + 1;
+    if (needed > stringBufferSize) {
+        PXTRACE_ERROR("%s: Buffer too small, got %u bytes, min. %u bytes\n", stringBufferSize, needed);
+        return TSTATUS_BUFFER_TOO_SMALL;
+    }
+    TbStringNCopy(instanceIdString, path, stringBufferSize);
+    return TSTATUS_SUCCESS;
+}
+
+TSTATUS KarvexApi::OpenDevice(const T_UNICHAR* instanceIdString, KARVEXDeviceHandle* deviceHandle)
+{
+    PxMutexLock api(mApiMutex);
+    if (instanceIdString == nullptr) {
+        PXTRACE_ERROR("%s: %s is NULL\n", "instanceIdString");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    if (deviceHandle == nullptr) {
+        PXTRACE_ERROR("%s: %s is NULL\n", "deviceHandle");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    *deviceHandle = 0;
+    // A private snapshot: the application's indexes into mEnumerator stay valid.
+    KarvexDeviceEnumerator enumerator;
+    TSTATUS st = enumerator.EnumerateHidRawDevices(&mVidPidList);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: EnumerateHidRawDevices failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    unsigned int index = 0;
+    st = enumerator.FindIndexForDevicePath(instanceIdString, index);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: FindIndexForDeviceInstanceId failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return TSTATUS_OBJECT_NOT_FOUND;
+    }
+    // The allocator does not throw: a null result skips the constructor.
+    KarvexDevice* device = new (TbMemTypeDontCare) KarvexDevice();
+    if (device == nullptr) {
+        PXTRACE_ERROR("%s: Failed to allocate device object\n");
+        return TSTATUS_NO_MEMORY;
+    }
+    st = device->Open(enumerator, index);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: Open failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        delete device;
+        return st;
+    }
+    const KARVEXDeviceHandle handle = mDeviceContainer.AddObject(device);
+    if (handle == 0) {
+        PXTRACE_ERROR("%s: AddObject failed, no resources\n");
+        delete device;
+        return TSTATUS_NO_RESOURCES;
+    }
+    PXTRACE_INFO("%s: Successfully opened device '%s', handle=0x%08X\n", instanceIdString, handle);
+    *deviceHandle = handle;
+    return TSTATUS_SUCCESS;
+}
+
+TSTATUS KarvexApi::CloseDevice(KARVEXDeviceHandle deviceHandle)
+{
+    KarvexDevice* device;
+    {
+        PxMutexLock api(mApiMutex);
+        device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
+        if (device == nullptr) {
+            PXTRACE_ERROR("%s: invalid deviceHandle 0x%08X\n", deviceHandle);
+            return TSTATUS_INVALID_HANDLE;
+        }
+        if (device->IsPinEventThread()) {
+            // Closing joins the pin event thread, which is the calling thread.
+            PXTRACE_ERROR("%s: not allowed from inside the pin event callback of device 0x%08X\n", deviceHandle);
+            return TSTATUS_NOT_ALLOWED;
+        }
+        // From here on no call finds the handle; calls already holding the
+        // device's mutex finish before Close takes it.
+        mDeviceContainer.RemoveObject(device, deviceHandle);
+    }
+    WaitUntilUnused(device);
+    device->Close();
+    delete device;
+    PXTRACE_INFO("%s: Device with handle=0x%08X was closed\n", deviceHandle);
+    return TSTATUS_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// Queries under the API mutex
+
+TSTATUS KarvexApi::CheckDeviceConnection(KARVEXDeviceHandle deviceHandle)
+{
+    PxMutexLock api(mApiMutex);
+    KarvexDevice* device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
+    if (device == nullptr) {
+        PXTRACE_ERROR("%s: invalid deviceHandle 0x%08X\n", deviceHandle);
+        return TSTATUS_INVALID_HANDLE;
+    }
+    return device->CheckDeviceConnection();
+}
+
+TSTATUS KarvexApi::GetDeviceUsbInfo(KARVEXDeviceHandle deviceHandle, unsigned int* usbVendorId,
+                                    unsigned int* usbProductId, unsigned int* bcdDevice)
+{
+    PxMutexLock api(mApiMutex);
+    KarvexDevice* device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
+    if (device == nullptr) {
+        PXTRACE_ERROR("%s: invalid deviceHandle 0x%08X\n", deviceHandle);
+        return TSTATUS_INVALID_HANDLE;
+    }
+    return device->GetDeviceUsbInfo(usbVendorId, usbProductId, bcdDevice);
+}
+
+TSTATUS KarvexApi::GetDeviceSerialNumber(KARVEXDeviceHandle deviceHandle, T_UNICHAR* serialNumber,
+                                         unsigned int stringBufferSize)
+{
+    PxMutexLock api(mApiMutex);
+    KarvexDevice* device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
+    if (device == nullptr) {
+        PXTRACE_ERROR("%s: invalid deviceHandle 0x%08X\n", deviceHandle);
+        return TSTATUS_INVALID_HANDLE;
+    }
+    return device->GetDeviceSerialNumber(serialNumber, stringBufferSize);
+}
+
+TSTATUS KarvexApi::RegisterPinEventCallback(KARVEXDeviceHandle deviceHandle, KARVEXCB_InputPinEvent* callback,
+                                            void* callbackContext)
+{
+    KarvexDevice* device;
+    {
+        PxMutexLock api(mApiMutex);
+        device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
+        if (device == nullptr) {
+            PXTRACE_ERROR("%s: invalid deviceHandle 0x%08X\n", deviceHandle);
+            return TSTATUS_INVALID_HANDLE;
+        }
+        AcquireUse(device);
+    }
+    // Without any lock: re-registration joins the pin event thread, whose
+    // callback may be waiting for one.
+    const TSTATUS st = device->RegisterPinEventCallback(callback, callbackContext);
+    ReleaseUse(device);
+    return st;
+}
+
+// ---------------------------------------------------------------------------
+// Transactions, hand over hand
+
+TSTATUS KarvexApi::SetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode mode)
+{
+    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
+    if (device == nullptr)
+        return TSTATUS_INVALID_HANDLE;
+    const TSTATUS st = device->SetPinMode(pinId, mode);
+    device->mMutex.Unlock();
+    return st;
+}
+
+TSTATUS KarvexApi::SetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOState state)
+{
+    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
+    if (device == nullptr)
+        return TSTATUS_INVALID_HANDLE;
+    const TSTATUS st = device->SetPinState(pinId, state);
+    device->mMutex.Unlock();
+    return st;
+}
+
+TSTATUS KarvexApi::GetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOState* state)
+{
+    if (state == nullptr) {
+        PXTRACE_ERROR("%s: %s is NULL\n", "state");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
+    if (device == nullptr)
+        return TSTATUS_INVALID_HANDLE;
+    const TSTATUS st = device->GetPinState(pinId, *state);
+    device->mMutex.Unlock();
+    return st;
+}
+
+TSTATUS KarvexApi::GetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode* mode)
+{
+    if (mode == nullptr) {
+        PXTRACE_ERROR("%s: %s is NULL\n", "mode");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
+    if (device == nullptr)
+        return TSTATUS_INVALID_HANDLE;
+    const TSTATUS st = device->GetPinMode(pinId, *mode);
+    device->mMutex.Unlock();
+    return st;
+}
+
+TSTATUS KarvexApi::I2cTransaction(KARVEXDeviceHandle deviceHandle, unsigned int i2cBus, unsigned int i2cSpeed,
+                                  unsigned int i2cSlaveAddress, const unsigned char* writeData,
+                                  unsigned int bytesToWrite, unsigned char* readBuffer, unsigned int bytesToRead,
+                                  unsigned int timeoutInterval)
+{
+    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
+    if (device == nullptr)
+        return TSTATUS_INVALID_HANDLE;
+    const TSTATUS st = device->I2cTransaction(i2cBus, i2cSpeed, i2cSlaveAddress, writeData, bytesToWrite, readBuffer,
+                                              bytesToRead, timeoutInterval);
+    device->mMutex.Unlock();
+    return st;
+}

@@ -1,0 +1,86 @@
+// The one object behind the exported functions: the supported adapter list,
+// the application's snapshot of attached adapters, the open devices and their
+// handles, and the hot-plug notificator.
+//
+// Locking: mApiMutex serialises the calls. Pin and I2C calls take the device's
+// mutex while holding it and then let it go (hand over hand), so a slow
+// transaction blocks neither the API nor other adapters. Nothing that waits
+// for a callback thread to end (closing a device, re-registering a callback)
+// does so while holding mApiMutex or a device mutex: a callback blocked in a
+// call into the library could otherwise never finish.
+#pragma once
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
+#include "karvex/karvex_api.h"
+#include "karvex_api_linux/KarvexDeviceContainerLx.h"
+#include "karvex_api_linux/KarvexDeviceEnumeratorLx.h"
+#include "karvex_api_linux/KarvexDeviceLx.h"
+#include "liblinux/LxHidRawPnPNotificator.h"
+#include "liblinux/LxPnPNotificatorCallbackForwarderT.h"
+#include "libposix/PxMutex.h"
+#include "libtb/TbUsbVidPid.h"
+
+class KarvexApi {
+public:
+    KarvexApi();
+    ~KarvexApi();
+
+    TSTATUS RegisterDeviceChangeCallback(KARVEXCB_DeviceChangeEvent* callback, void* callbackContext);
+    TSTATUS EnumerateDevices(unsigned int* deviceCount);
+    TSTATUS GetDeviceInstanceId(unsigned int deviceIndex, T_UNICHAR* instanceIdString, unsigned int stringBufferSize);
+    TSTATUS OpenDevice(const T_UNICHAR* instanceIdString, KARVEXDeviceHandle* deviceHandle);
+    TSTATUS CloseDevice(KARVEXDeviceHandle deviceHandle);
+    TSTATUS CheckDeviceConnection(KARVEXDeviceHandle deviceHandle);
+    TSTATUS GetDeviceUsbInfo(KARVEXDeviceHandle deviceHandle, unsigned int* usbVendorId, unsigned int* usbProductId,
+                             unsigned int* bcdDevice);
+    TSTATUS GetDeviceSerialNumber(KARVEXDeviceHandle deviceHandle, T_UNICHAR* serialNumber,
+                                  unsigned int stringBufferSize);
+    TSTATUS SetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode mode);
+    TSTATUS SetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOState state);
+    TSTATUS GetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOState* state);
+    TSTATUS GetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode* mode);
+    TSTATUS RegisterPinEventCallback(KARVEXDeviceHandle deviceHandle, KARVEXCB_InputPinEvent* callback,
+                                     void* callbackContext);
+    TSTATUS I2cTransaction(KARVEXDeviceHandle deviceHandle, unsigned int i2cBus, unsigned int i2cSpeed,
+                           unsigned int i2cSlaveAddress, const unsigned char* writeData, unsigned int bytesToWrite,
+                           unsigned char* readBuffer, unsigned int bytesToRead, unsigned int timeoutInterval);
+
+    // Called by the notificator on its own thread, without any API lock.
+    void OnDeviceChangeCallback(LxPnPNotificatorAction action, const char* syspath);
+
+private:
+    KarvexApi(const KarvexApi&) = delete;
+    KarvexApi& operator=(const KarvexApi&) = delete;
+
+    // Looks the handle up under mApiMutex and returns the device with its
+    // mutex locked and mApiMutex released again; null (traced with the
+    // caller's signature) for an unknown handle.
+    KarvexDevice* LockDevice(KARVEXDeviceHandle deviceHandle, const char* signature);
+    // Marks a device as in use by a call that runs without any lock, so that
+    // CloseDevice waits for it before destroying the device.
+    void AcquireUse(KarvexDevice* device);
+    void ReleaseUse(KarvexDevice* device);
+    void WaitUntilUnused(KarvexDevice* device);
+
+    PxMutex mApiMutex;
+    TbUsbVidPidList mVidPidList;
+    KarvexDeviceEnumerator mEnumerator;
+    KarvexDeviceContainer mDeviceContainer;
+    LxHidRawPnPNotificator mPnpNotificator;
+    LxPnPNotificatorCallbackForwarderT<KarvexApi> mPnpNotificatorCallback;
+    KARVEXCB_DeviceChangeEvent* mDeviceChangeCallback;
+    void* mDeviceChangeCallbackContext;
+
+    // Serialises whole device-change registrations between application
+    // threads; never held by the notificator thread.
+    std::mutex mRegistrationMutex;
+    std::mutex mUseMutex;
+    std::condition_variable mUseCondition;
+    std::map<KarvexDevice*, unsigned int> mDeviceUses;
+};
+
+// The process-wide API object, alive from library load to unload.
+extern KarvexApi gDllApi;

@@ -1,0 +1,782 @@
+#include "karvex_api_linux/KarvexDeviceLx.h"
+
+#include <poll.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "liblinux/LxStopwatch.h"
+#include "libposix/PxTimeUtils.h"
+#include "libposix/PxTrace.h"
+#include "libtb/TbDebug.h"
+
+namespace {
+
+// Pause of the reader thread after a failed poll or read, so that an
+// unplugged adapter does not spin the CPU until the application closes it.
+constexpr unsigned int cReaderRetryDelayMs = 50;
+
+} // namespace
+
+KarvexDevice::KarvexDevice()
+    : mMutex(true),
+      mCommandTimeout(5000),
+      mI2cMinTimeout(1000),
+      mI2cMaxTimeout(30000),
+      mReaderThreadIsRunning(false),
+      mMaxResponseCount(2),
+      mMaxEventCount(10),
+      mPinEventThreadIsRunning(false),
+      mPinEventCallback(nullptr),
+      mPinEventCallbackContext(nullptr),
+      mUniqueId(0),
+      mPinEventControlMutex(true),
+      mPinEventThreadId(0)
+{
+    mReaderThreadForwarder.Init(this, &KarvexDevice::ReadThreadRoutine);
+    mPinEventThreadForwarder.Init(this, &KarvexDevice::PinEventThreadRoutine);
+}
+
+KarvexDevice::~KarvexDevice()
+{
+    Close();
+}
+
+// ---------------------------------------------------------------------------
+// Open and close
+
+TSTATUS KarvexDevice::CheckReportLength(const char* direction, unsigned int length)
+{
+    // The minimum check above lets a length of 0 through (length - 1 wraps);
+    // such a device has no report in that direction, and every command would be
+    // built in, or every answer read into, a buffer with no room for it.
+    if (length == 0) {
+        PXTRACE_ERROR("%s: Invalid %s report length %u, the device has no %s report\n", direction, length, direction);
+        return TSTATUS_INVALID_REPORT_LENGTH;
+    }
+    if (length > cMaxReportLength) {
+        PXTRACE_ERROR("%s: Invalid %s report length %u, max. %u\n", direction, length, cMaxReportLength);
+        return TSTATUS_INVALID_REPORT_LENGTH;
+    }
+    return TSTATUS_SUCCESS;
+}
+
+TSTATUS KarvexDevice::Open(KarvexDeviceEnumerator& enumerator, unsigned int deviceIndex)
+{
+    EnterCritSec();
+    struct Leave {
+        KarvexDevice* d;
+        ~Leave() { d->LeaveCritSec(); }
+    } leave{this};
+
+    if (IsOpen()) {
+        PXTRACE_ERROR("%s: already open\n");
+        return TSTATUS_ALREADY_OPEN;
+    }
+    TSTATUS st = mHidDevice.OpenHidRawDevice(enumerator, deviceIndex);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: OpenHidRawDevice failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        Close();
+        return st;
+    }
+    const unsigned int inputLength = mHidDevice.InputReportByteLength();
+    const unsigned int outputLength = mHidDevice.OutputReportByteLength();
+    // Report lengths include the report ID byte; the message needs
+    // THID_MAX_MESSAGE_SIZE bytes of report data in both directions.
+    if (inputLength - 1 < THID_MAX_MESSAGE_SIZE) {
+        PXTRACE_ERROR("%s: Invalid input report length %u, min. %u\n", inputLength - 1, THID_MAX_MESSAGE_SIZE);
+        Close();
+        return TSTATUS_INVALID_REPORT_LENGTH;
+    }
+    if (outputLength - 1 < THID_MAX_MESSAGE_SIZE) {
+        PXTRACE_ERROR("%s: Invalid output report length %u, min. %u\n", outputLength - 1, THID_MAX_MESSAGE_SIZE);
+        Close();
+        return TSTATUS_INVALID_REPORT_LENGTH;
+    }
+    st = CheckReportLength("input", inputLength);
+    if (st == TSTATUS_SUCCESS)
+        st = CheckReportLength("output", outputLength);
+    if (st != TSTATUS_SUCCESS) {
+        Close();
+        return st;
+    }
+    st = AllocateResources();
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: AllocateResources failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        Close();
+        return st;
+    }
+    st = StartReaderThread();
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: StartReaderThread failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        Close();
+        return st;
+    }
+    T_UINT8 major = 0;
+    T_UINT8 minor = 0;
+    st = GetProtocolVersion(major, minor);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: GetProtocolVersion failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        Close();
+        return st;
+    }
+    if (major != THID_PROTOCOL_VERSION_MAJOR) {
+        PXTRACE_ERROR("%s: Protocol version %u.%02u is incompatible with expected version %u.%02u\n",
+                      static_cast<unsigned int>(major), static_cast<unsigned int>(minor), THID_PROTOCOL_VERSION_MAJOR,
+                      THID_PROTOCOL_VERSION_MINOR);
+        Close();
+        return TSTATUS_INCOMPATIBLE_PROTOCOL_VERSION;
+    }
+    return TSTATUS_SUCCESS;
+}
+
+void KarvexDevice::Close()
+{
+    {
+        PxMutexLock control(mPinEventControlMutex);
+        StopPinEventThread();
+    }
+    StopReaderThread();
+    // A command still waiting for its answer wakes, sees the reader thread
+    // gone and returns TSTATUS_ABORTED before we take the mutex below.
+    if (mResponseQueue.IsValid())
+        mResponseQueue.SetEvent();
+
+    EnterCritSec();
+    mHidDevice.CloseHidRawDevice();
+    FreeResources();
+    mPinEventCallback = nullptr;
+    mPinEventCallbackContext = nullptr;
+    LeaveCritSec();
+}
+
+TSTATUS KarvexDevice::AllocateResources()
+{
+    TB_ASSERT(IsOpen());
+    const unsigned int inputLength = mHidDevice.InputReportByteLength();
+    const unsigned int outputLength = mHidDevice.OutputReportByteLength();
+    mCommandReport.FreeBuffer();
+    if (!mCommandReport.AllocateBuffer(outputLength)) {
+        PXTRACE_ERROR("%s: allocate mCommandReport failed\n");
+        return TSTATUS_NO_MEMORY;
+    }
+    mResponseReport.FreeBuffer();
+    if (!mResponseReport.AllocateBuffer(inputLength)) {
+        PXTRACE_ERROR("%s: allocate mResponseReport failed\n");
+        return TSTATUS_NO_MEMORY;
+    }
+    mReadReport.FreeBuffer();
+    if (!mReadReport.AllocateBuffer(inputLength)) {
+        PXTRACE_ERROR("%s: allocate mReadReport failed\n");
+        return TSTATUS_NO_MEMORY;
+    }
+    TSTATUS st = mResponseQueue.Allocate(inputLength, mMaxResponseCount);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: mResponseQueue.Allocate failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    return TSTATUS_SUCCESS;
+}
+
+void KarvexDevice::FreeResources()
+{
+    mResponseQueue.Free();
+    mReadReport.FreeBuffer();
+    mResponseReport.FreeBuffer();
+    mCommandReport.FreeBuffer();
+}
+
+// ---------------------------------------------------------------------------
+// Queries
+
+TSTATUS KarvexDevice::CheckDeviceConnection()
+{
+    PxMutexLock lock(mMutex);
+    if (!IsOpen()) {
+        PXTRACE_ERROR("%s: not opened\n");
+        return TSTATUS_NOT_OPENED;
+    }
+    return mHidDevice.IsConnected() ? TSTATUS_SUCCESS : TSTATUS_DEVICE_REMOVED;
+}
+
+TSTATUS KarvexDevice::GetDeviceUsbInfo(unsigned int* usbVendorId, unsigned int* usbProductId,
+                                       unsigned int* usbRevisionCode)
+{
+    PxMutexLock lock(mMutex);
+    if (!IsOpen()) {
+        PXTRACE_ERROR("%s: not opened\n");
+        return TSTATUS_NOT_OPENED;
+    }
+    if (usbVendorId != nullptr)
+        *usbVendorId = mHidDevice.UsbVid();
+    if (usbProductId != nullptr)
+        *usbProductId = mHidDevice.UsbPid();
+    if (usbRevisionCode != nullptr)
+        *usbRevisionCode = mHidDevice.UsbRevision();
+    return TSTATUS_SUCCESS;
+}
+
+TSTATUS KarvexDevice::GetDeviceSerialNumber(T_UNICHAR* serialNumber, unsigned int stringBufferSize)
+{
+    PxMutexLock lock(mMutex);
+    if (!IsOpen()) {
+        PXTRACE_ERROR("%s: not opened\n");
+        return TSTATUS_NOT_OPENED;
+    }
+    TSTATUS st = mHidDevice.GetSerialNumberString(serialNumber, stringBufferSize);
+    if (st == TSTATUS_NOT_SUPPORTED)
+        PXTRACE_INFO("%s: Serial number string not supported by the device\n");
+    else if (st != TSTATUS_SUCCESS)
+        PXTRACE_ERROR("%s: GetSerialNumberString failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+    return st;
+}
+
+// ---------------------------------------------------------------------------
+// Commands
+
+void KarvexDevice::BuildCommand(T_UINT8 code, T_UINT16 length)
+{
+    mCommandReport.ZeroBuffer();
+    THID_MsgHeader* header = mCommandReport.MessageHeader();
+    header->messageCode = code;
+    header->messageLength.Set(length);
+    header->uniqueId = UniqueId();
+}
+
+TSTATUS KarvexDevice::CheckResponse(T_UINT8 expectedCode, T_UINT16 expectedLength, unsigned int statusTraceMask)
+{
+    // A failure status wins over a wrong code, and a wrong code over a wrong length.
+    if (mResponseReport.MessageStatus() != 0) {
+        if (PxTraceEnabled(statusTraceMask))
+            tprint("%s: Failure response received, st = 0x%02X\n", __PRETTY_FUNCTION__,
+                   static_cast<unsigned int>(mResponseReport.MessageStatus()));
+        return ResponseStatusToTStatus(mResponseReport.MessageStatus());
+    }
+    if (mResponseReport.MessageCode() != expectedCode) {
+        PXTRACE_ERROR("%s: unexpected response code 0x%02X, exp. 0x%02X\n",
+                      static_cast<unsigned int>(mResponseReport.MessageCode()), static_cast<unsigned int>(expectedCode));
+        return TSTATUS_UNEXPECTED_DEVICE_RESPONSE;
+    }
+    if (mResponseReport.MessageLength() != expectedLength) {
+        PXTRACE_ERROR("%s: unexpected length %u, exp. %u\n", static_cast<unsigned int>(mResponseReport.MessageLength()),
+                      static_cast<unsigned int>(expectedLength));
+        return TSTATUS_LENGTH_MISMATCH;
+    }
+    return TSTATUS_SUCCESS;
+}
+
+TSTATUS KarvexDevice::ExecuteCommand(KarvexReportBuffer& command, KarvexReportBuffer& response, unsigned int waitTimeout)
+{
+    TB_ASSERT(IsOpen());
+    TB_ASSERT(0 != waitTimeout);
+
+    LxStopwatch watch;
+    TSTATUS st = watch.Start();
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: watch.Start failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    PXTRACE(KARVEX_TRACE_PROTOCOL, "%s: Execute command 0x%02X, msg. length %u, timeout %u\n",
+            static_cast<unsigned int>(command.MessageCode()), static_cast<unsigned int>(command.MessageLength()),
+            waitTimeout);
+    if (PxTraceEnabled(KARVEX_TRACE_PROTODUMP))
+        DumpBytesEx(command.Buffer(), command.BufferSize(), 16);
+
+    // Stale answers already queued are not flushed here: the unique ID check
+    // below skips them, and they spend this command's time budget like any
+    // foreign response.
+    st = mHidDevice.WriteReport(command);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: WriteReport failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    for (;;) {
+        const long elapsedTime = watch.ElapsedMilliseconds();
+        TB_ASSERT(elapsedTime >= 0);
+        if (static_cast<unsigned long>(waitTimeout) <= static_cast<unsigned long>(elapsedTime)) {
+            PXTRACE_ERROR("%s: timeout expires after %u ms\n", waitTimeout);
+            return TSTATUS_TIMEOUT;
+        }
+        const unsigned int remainingTimeout = waitTimeout - static_cast<unsigned int>(elapsedTime);
+        if (!mResponseQueue.WaitWithTimeout(remainingTimeout)) {
+            PXTRACE_ERROR("%s: WaitWithTimeout(%u ms) timed out\n", remainingTimeout);
+            return TSTATUS_TIMEOUT;
+        }
+        if (!mReaderThreadIsRunning.load()) {
+            PXTRACE_ERROR("%s: operation aborted\n");
+            return TSTATUS_ABORTED;
+        }
+        if (!mResponseQueue.Get(response.Buffer(), response.BufferSize())) {
+            PXTRACE_WARN("%s: No response available, continue waiting\n");
+            continue;
+        }
+        if (response.UniqueId() == command.UniqueId())
+            break;
+        PXTRACE_INFO("%s: unique ID mismatch, got %u, exp. %u\n", static_cast<unsigned int>(response.UniqueId()),
+                     static_cast<unsigned int>(command.UniqueId()));
+    }
+    PXTRACE(KARVEX_TRACE_PROTOCOL, "%s: Receive response 0x%02X, msg. length %u\n",
+            static_cast<unsigned int>(response.MessageCode()), static_cast<unsigned int>(response.MessageLength()));
+    if (PxTraceEnabled(KARVEX_TRACE_PROTODUMP))
+        DumpBytesEx(response.Buffer(), response.BufferSize(), 16);
+    return TSTATUS_SUCCESS;
+}
+
+TSTATUS KarvexDevice::GetProtocolVersion(T_UINT8& protocolVersionMajor, T_UINT8& protocolVersionMinor)
+{
+    TB_ASSERT(IsOpen());
+    protocolVersionMajor = 0;
+    protocolVersionMinor = 0;
+    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+
+    BuildCommand(THID_CMD_GET_PROTOCOL_VERSION, THID_MSG_LEN_HEADER_ONLY);
+    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    st = CheckResponse(THID_RSP_GET_PROTOCOL_VERSION, THID_MSG_LEN_PROTOCOL_VERSION, KARVEX_TRACE_ERROR);
+    if (st != TSTATUS_SUCCESS)
+        return st;
+    const THID_ProtocolVersion* version = mResponseReport.Payload<THID_ProtocolVersion>();
+    protocolVersionMajor = version->protocolVersionMj;
+    protocolVersionMinor = version->protocolVersionMn;
+    return TSTATUS_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// Reader thread
+
+TSTATUS KarvexDevice::StartReaderThread()
+{
+    int rc = mReaderThreadTerminatePipe.Create(true);
+    if (rc < 0) {
+        PXTRACE_ERROR("%s: mReaderThreadTerminatePipe.Create failed (%d)\n", -rc);
+        return TStatusFromErrno(-rc);
+    }
+    // Set before the thread exists: it reads the flag in its loop.
+    mReaderThreadIsRunning = true;
+    rc = mReaderThread.Create(&mReaderThreadForwarder, nullptr);
+    if (rc != 0) {
+        mReaderThreadIsRunning = false;
+        PXTRACE_ERROR("%s: mReaderThread.Create failed (%d)\n", rc < 0 ? -rc : rc);
+        mReaderThreadTerminatePipe.Close();
+        return TStatusFromErrno(rc < 0 ? -rc : rc);
+    }
+    return TSTATUS_SUCCESS;
+}
+
+void KarvexDevice::StopReaderThread()
+{
+    if (!mReaderThreadIsRunning.load())
+        return;
+    mReaderThreadIsRunning = false;
+    mReaderThreadTerminatePipe.WriteChar('x');
+    mReaderThread.Join(nullptr, -1);
+    mReaderThreadTerminatePipe.Close();
+}
+
+void* KarvexDevice::ReadThreadRoutine()
+{
+    for (;;) {
+        struct pollfd fds[2];
+        fds[0].fd = mReaderThreadTerminatePipe.GetReadEnd();
+        fds[0].events = POLLIN | POLLERR;
+        fds[0].revents = 0;
+        fds[1].fd = mHidDevice.GetFileDescriptor();
+        fds[1].events = POLLIN | POLLERR;
+        fds[1].revents = 0;
+        const int rc = poll(fds, 2, -1);
+        if (rc < 0) {
+            PXTRACE_ERROR("%s: poll failed (%d)\n", errno);
+            PxSleep(cReaderRetryDelayMs);
+            continue;
+        }
+        // Termination has priority over data.
+        if (fds[0].revents & POLLIN)
+            break;
+        if (fds[0].revents & (POLLERR | POLLHUP | POLLNVAL)) {
+            PXTRACE_ERROR("%s: fds[0] (pipe) POLLERR event\n");
+            PxSleep(cReaderRetryDelayMs);
+            continue;
+        }
+        // POLLHUP and POLLNVAL are reported whether asked for or not; treated
+        // like POLLERR they keep an unplugged device from spinning this loop.
+        if (fds[1].revents & (POLLERR | POLLHUP | POLLNVAL)) {
+            PXTRACE_ERROR("%s: fds[1] (device) POLLERR event\n");
+            PxSleep(cReaderRetryDelayMs);
+            continue;
+        }
+        if (fds[1].revents & POLLIN) {
+            const TSTATUS st = mHidDevice.ReadReport(mReadReport);
+            if (st != TSTATUS_SUCCESS) {
+                PXTRACE_ERROR("%s: ReadReport failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+                PxSleep(cReaderRetryDelayMs);
+                continue;
+            }
+            ProcessReceivedReport(mReadReport);
+        }
+    }
+    mReaderThreadTerminatePipe.ReadDummy();
+    PXTRACE_INFO("%s: terminate reader thread\n");
+    return nullptr;
+}
+
+void KarvexDevice::ProcessReceivedReport(KarvexReportBuffer& report)
+{
+    const unsigned int transferred = report.BytesTransferred();
+    const unsigned int messageBytes = transferred > 0 ? transferred - 1 : 0;
+    if (messageBytes < sizeof(THID_MsgHeader)) {
+        PXTRACE_ERROR("%s:  bytes transferred %u too small, min. %u\n", messageBytes,
+                      static_cast<unsigned int>(sizeof(THID_MsgHeader)));
+        return;
+    }
+    const unsigned int messageLength = report.MessageLength();
+    if (messageBytes < messageLength) {
+        PXTRACE_ERROR("%s: unexpected bytes transferred %u, exp. min. %u\n", messageBytes, messageLength);
+        return;
+    }
+    if (report.MessageCode() != THID_EVT_PIN_STATE_CHANGED) {
+        PXTRACE_INFO("%s: Response received\n");
+        // A full queue loses this answer: the waiting command times out, or a
+        // later stale answer is skipped by its unique ID.
+        mResponseQueue.Put(report.Buffer(), report.BufferSize());
+        return;
+    }
+    PXTRACE_INFO("%s: Pin event received\n");
+    if (mPinEventThreadIsRunning.load()) {
+        if (!mEventQueue.PutForceOverwrite(report.Buffer(), report.BufferSize()))
+            PXTRACE_ERROR("%s: Event Queue overrun occurred\n");
+    } else {
+        PXTRACE_WARN("%s: Ignore pin event, no callback registered\n");
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Pin operations
+
+TSTATUS KarvexDevice::SetPinMode(unsigned int pinId, KARVEX_GPIOMode mode)
+{
+    if (!IsOpen()) {
+        PXTRACE_ERROR("%s: not opened\n");
+        return TSTATUS_NOT_OPENED;
+    }
+    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    // The unique ID is drawn before the mode is checked: a refused mode uses
+    // one up, and the adapter then sees the IDs skip a value.
+    BuildCommand(THID_CMD_SET_PIN_MODE, THID_MSG_LEN_PIN);
+    THID_PinMode* payload = mCommandReport.Payload<THID_PinMode>();
+    payload->pinId.Set(pinId);
+    switch (mode) {
+    case GPIOMode_Input:
+    case GPIOMode_InputEvent:
+    case GPIOMode_Output_Low:
+    case GPIOMode_Output_High:
+        payload->pinMode = static_cast<T_UINT8>(mode);
+        break;
+    default:
+        PXTRACE_ERROR("%s: unsupported pin mode %d\n", static_cast<int>(mode));
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    return CheckResponse(THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
+}
+
+TSTATUS KarvexDevice::SetPinState(unsigned int pinId, KARVEX_GPIOState state)
+{
+    if (!IsOpen()) {
+        PXTRACE_ERROR("%s: not opened\n");
+        return TSTATUS_NOT_OPENED;
+    }
+    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    BuildCommand(THID_CMD_SET_PIN_STATE, THID_MSG_LEN_PIN);
+    THID_PinState* payload = mCommandReport.Payload<THID_PinState>();
+    payload->pinId.Set(pinId);
+    switch (state) {
+    case GPIOState_Low:
+    case GPIOState_High:
+        payload->pinState = static_cast<T_UINT8>(state);
+        break;
+    default:
+        PXTRACE_ERROR("%s: unsupported pin state %d\n", static_cast<int>(state));
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    return CheckResponse(THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
+}
+
+TSTATUS KarvexDevice::GetPinState(unsigned int pinId, KARVEX_GPIOState& state)
+{
+    if (!IsOpen()) {
+        PXTRACE_ERROR("%s: not opened\n");
+        return TSTATUS_NOT_OPENED;
+    }
+    state = GPIOState_Low;
+    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    BuildCommand(THID_CMD_GET_PIN_STATE, THID_MSG_LEN_PIN);
+    mCommandReport.Payload<THID_PinState>()->pinId.Set(pinId);
+    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    st = CheckResponse(THID_RSP_GET_PIN_STATE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
+    if (st != TSTATUS_SUCCESS)
+        return st;
+    const THID_PinState* answer = mResponseReport.Payload<THID_PinState>();
+    if (answer->pinId.Get() != pinId) {
+        PXTRACE_ERROR("%s: Pin ID mismatch, got %u, exp. %u\n", static_cast<unsigned int>(answer->pinId.Get()), pinId);
+        return TSTATUS_PIN_ID_MISMATCH;
+    }
+    if (answer->pinState > GPIOState_High) {
+        PXTRACE_ERROR("%s: received unsupported pin state %u\n", static_cast<unsigned int>(answer->pinState));
+        return TSTATUS_UNSUPPORTED_PIN_STATE;
+    }
+    state = static_cast<KARVEX_GPIOState>(answer->pinState);
+    return TSTATUS_SUCCESS;
+}
+
+TSTATUS KarvexDevice::GetPinMode(unsigned int pinId, KARVEX_GPIOMode& mode)
+{
+    if (!IsOpen()) {
+        PXTRACE_ERROR("%s: not opened\n");
+        return TSTATUS_NOT_OPENED;
+    }
+    mode = GPIOMode_Input;
+    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    BuildCommand(THID_CMD_GET_PIN_MODE, THID_MSG_LEN_PIN);
+    mCommandReport.Payload<THID_PinMode>()->pinId.Set(pinId);
+    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    st = CheckResponse(THID_RSP_GET_PIN_MODE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
+    if (st != TSTATUS_SUCCESS)
+        return st;
+    const THID_PinMode* answer = mResponseReport.Payload<THID_PinMode>();
+    if (answer->pinId.Get() != pinId) {
+        PXTRACE_ERROR("%s: Pin ID mismatch, got %u, exp. %u\n", static_cast<unsigned int>(answer->pinId.Get()), pinId);
+        return TSTATUS_PIN_ID_MISMATCH;
+    }
+    if (answer->pinMode > GPIOMode_Output_High) {
+        PXTRACE_ERROR("%s: received unsupported pin mode %u\n", static_cast<unsigned int>(answer->pinMode));
+        return TSTATUS_UNSUPPORTED_PIN_MODE;
+    }
+    mode = static_cast<KARVEX_GPIOMode>(answer->pinMode);
+    return TSTATUS_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// I2C
+
+TSTATUS KarvexDevice::I2cTransaction(unsigned int i2cBus, unsigned int i2cSpeed, unsigned int i2cSlaveAddress,
+                                     const unsigned char* writeData, unsigned int bytesToWrite,
+                                     unsigned char* readBuffer, unsigned int bytesToRead, unsigned int timeoutInterval)
+{
+    if (!IsOpen()) {
+        PXTRACE_ERROR("%s: not opened\n");
+        return TSTATUS_NOT_OPENED;
+    }
+    if (i2cBus > 255) {
+        PXTRACE_ERROR("%s: i2cBus too large\n");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    if (i2cSlaveAddress > 255) {
+        PXTRACE_ERROR("%s: i2cSlaveAddress too large\n");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    if (timeoutInterval == 0) {
+        PXTRACE_ERROR("%s: timeoutInterval is 0\n");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    if (timeoutInterval > mI2cMaxTimeout) {
+        PXTRACE_ERROR("%s: timeoutInterval too large\n");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    if (bytesToWrite > 0 && writeData == nullptr) {
+        PXTRACE_ERROR("%s: writeData is NULL\n");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    if (bytesToWrite > THID_I2C_MAX_DATA) {
+        PXTRACE_ERROR("%s: bytesToWrite  %u exceeds max. %u\n", bytesToWrite, THID_I2C_MAX_DATA);
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    if (bytesToRead > 0 && readBuffer == nullptr) {
+        PXTRACE_ERROR("%s: readBuffer is NULL\n");
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    if (bytesToRead > THID_I2C_MAX_DATA) {
+        PXTRACE_ERROR("%s: bytesToRead  %u exceeds max. %u\n", bytesToRead, THID_I2C_MAX_DATA);
+        return TSTATUS_INVALID_PARAMETER;
+    }
+    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+
+    BuildCommand(THID_CMD_I2C_TRANSACTION, THID_MSG_LEN_I2C);
+    THID_I2cTransaction* payload = mCommandReport.Payload<THID_I2cTransaction>();
+    payload->i2cBus = static_cast<T_UINT8>(i2cBus);
+    payload->i2cSlaveAddress = static_cast<T_UINT8>(i2cSlaveAddress);
+    payload->i2cSpeed.Set(i2cSpeed);
+    payload->timeoutInterval.Set(timeoutInterval);
+    payload->bytesToWrite.Set(static_cast<T_UINT16>(bytesToWrite));
+    payload->bytesToRead.Set(static_cast<T_UINT16>(bytesToRead));
+    if (bytesToWrite > 0)
+        std::memcpy(payload->data, writeData, bytesToWrite);
+
+    // The adapter enforces timeoutInterval on the bus; the host allows twice
+    // that for the round trip, but never less than mI2cMinTimeout.
+    unsigned int hostTimeout = 2 * timeoutInterval;
+    if (hostTimeout < mI2cMinTimeout)
+        hostTimeout = mI2cMinTimeout;
+    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, hostTimeout);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    // A failing transfer (say, a slave that does not acknowledge) is an
+    // ordinary outcome on a bus, so its status is not traced as an error.
+    st = CheckResponse(THID_RSP_I2C_TRANSACTION, THID_MSG_LEN_I2C, KARVEX_TRACE_INFO);
+    if (st != TSTATUS_SUCCESS)
+        return st;
+    if (bytesToRead > 0)
+        std::memcpy(readBuffer, mResponseReport.Payload<THID_I2cTransaction>()->data, bytesToRead);
+    return TSTATUS_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// Pin events
+
+bool KarvexDevice::IsPinEventThread()
+{
+    const unsigned long id = mPinEventThreadId.load();
+    return id != 0 && pthread_equal(static_cast<pthread_t>(id), pthread_self());
+}
+
+TSTATUS KarvexDevice::RegisterPinEventCallback(KARVEXCB_InputPinEvent* callback, void* callbackContext)
+{
+    if (IsPinEventThread()) {
+        // Stopping the pin event thread from inside its own callback would join itself.
+        PXTRACE_ERROR("%s: not allowed from inside the pin event callback\n");
+        return TSTATUS_NOT_ALLOWED;
+    }
+    PxMutexLock control(mPinEventControlMutex);
+    // Stopped before the device mutex is taken: a callback still running may
+    // be waiting for it. Events not yet delivered are dropped with the queue.
+    StopPinEventThread();
+
+    PxMutexLock lock(mMutex);
+    if (!IsOpen()) {
+        PXTRACE_ERROR("%s: not opened\n");
+        return TSTATUS_NOT_OPENED;
+    }
+    mPinEventCallback = callback;
+    mPinEventCallbackContext = callbackContext;
+    if (callback == nullptr)
+        return TSTATUS_SUCCESS;
+    TSTATUS st = StartPinEventThread();
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: StartPinEventThread failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        return st;
+    }
+    return TSTATUS_SUCCESS;
+}
+
+TSTATUS KarvexDevice::StartPinEventThread()
+{
+    const unsigned int inputLength = mHidDevice.InputReportByteLength();
+    mEventReport.FreeBuffer();
+    if (!mEventReport.AllocateBuffer(inputLength)) {
+        PXTRACE_ERROR("%s: allocate mEventReport failed\n");
+        return TSTATUS_NO_MEMORY;
+    }
+    TSTATUS st = mEventQueue.Allocate(inputLength, mMaxEventCount);
+    if (st != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: mEventQueue.Allocate failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        FreePinEventResources();
+        return st;
+    }
+    // Raised before the thread starts so that its first test of the flag
+    // does not mistake a fresh start for a stop.
+    mPinEventThreadIsRunning = true;
+    const int rc = mPinEventThread.Create(&mPinEventThreadForwarder, nullptr);
+    if (rc != 0) {
+        mPinEventThreadIsRunning = false;
+        const int err = rc < 0 ? -rc : rc;
+        PXTRACE_ERROR("%s: mPinEventThread.Create failed (%d)\n", err);
+        FreePinEventResources();
+        return TStatusFromErrno(err);
+    }
+    return TSTATUS_SUCCESS;
+}
+
+void KarvexDevice::StopPinEventThread()
+{
+    if (!mPinEventThreadIsRunning.load())
+        return;
+    mPinEventThreadIsRunning = false;
+    mEventQueue.SetEvent();
+    mPinEventThread.Join(nullptr, -1);
+    mPinEventThreadId = 0;
+    FreePinEventResources();
+}
+
+void KarvexDevice::FreePinEventResources()
+{
+    TB_ASSERT(!mPinEventThreadIsRunning);
+    mEventReport.FreeBuffer();
+    mEventQueue.Free();
+}
+
+void* KarvexDevice::PinEventThreadRoutine()
+{
+    mPinEventThreadId = static_cast<unsigned long>(pthread_self());
+    for (;;) {
+        mEventQueue.Wait();
+        // Tested before anything is taken: events still queued at stop time
+        // are not delivered.
+        if (!mPinEventThreadIsRunning.load()) {
+            PXTRACE_INFO("%s: terminate pin event thread\n");
+            return nullptr;
+        }
+        if (!mEventQueue.Get(mEventReport.Buffer(), mEventReport.BufferSize()))
+            continue;
+        TB_ASSERT(mEventReport.MessageCode() == THID_EVT_PIN_STATE_CHANGED);
+        if (mEventReport.MessageLength() != THID_MSG_LEN_PIN) {
+            PXTRACE_ERROR("%s: Ignore pin event with invalid length %u, exp. %u\n",
+                          static_cast<unsigned int>(mEventReport.MessageLength()), THID_MSG_LEN_PIN);
+            continue;
+        }
+        if (mPinEventCallback == nullptr)
+            continue;
+        const THID_PinState* event = mEventReport.Payload<THID_PinState>();
+        KARVEX_GPIOState state;
+        if (event->pinState == 0) {
+            state = GPIOState_Low;
+        } else if (event->pinState == 1) {
+            state = GPIOState_High;
+        } else {
+            PXTRACE_ERROR("%s: ignore pin event with unknown pin state %u\n", static_cast<unsigned int>(event->pinState));
+            continue;
+        }
+        try {
+            mPinEventCallback(mPinEventCallbackContext, event->pinId.Get(), state);
+        } catch (...) {
+            PXTRACE_ERROR("%s: FATAL: Uncaught exception in pin event callback\n");
+        }
+    }
+}

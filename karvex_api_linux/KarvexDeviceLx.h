@@ -1,0 +1,126 @@
+// One open adapter: its hidraw device, the command and response buffers, the
+// reader thread that sorts every input report into responses and pin events,
+// and the pin event thread that calls the application's pin callback.
+//
+// Locking: mMutex guards open, close and the queries; the API object holds it
+// around every pin and I2C call. The reader thread never takes it. Close and
+// RegisterPinEventCallback stop the pin event thread before taking it, so a
+// pin callback may call into the library while they wait for it.
+#pragma once
+
+#include <atomic>
+
+#include "karvex/karvex_api.h"
+#include "karvex_api_linux/KarvexDeviceEnumeratorLx.h"
+#include "karvex_api_linux/KarvexReportBufferLx.h"
+#include "karvex_api_linux/KarvexStaticQueueLx.h"
+#include "liblinux/LxHidRawDeviceInterface.h"
+#include "libposix/PxMutex.h"
+#include "libposix/PxPipe.h"
+#include "libposix/PxThread.h"
+#include "libtb/TbTypes.h"
+
+class KarvexDevice {
+public:
+    // Largest report hidraw moves in one transfer (HID_MAX_BUFFER_SIZE of the
+    // kernel). Longer report lengths only come from a broken descriptor and are
+    // refused before anything is allocated for them.
+    static constexpr unsigned int cMaxReportLength = 16384;
+
+    KarvexDevice();
+    ~KarvexDevice();
+
+    TSTATUS Open(KarvexDeviceEnumerator& enumerator, unsigned int deviceIndex);
+    void Close();
+    bool IsOpen() const { return mHidDevice.IsOpen(); }
+
+    TSTATUS CheckDeviceConnection();
+    TSTATUS GetDeviceUsbInfo(unsigned int* usbVendorId, unsigned int* usbProductId, unsigned int* usbRevisionCode);
+    TSTATUS GetDeviceSerialNumber(T_UNICHAR* serialNumber, unsigned int stringBufferSize);
+
+    TSTATUS SetPinMode(unsigned int pinId, KARVEX_GPIOMode mode);
+    TSTATUS SetPinState(unsigned int pinId, KARVEX_GPIOState state);
+    TSTATUS GetPinState(unsigned int pinId, KARVEX_GPIOState& state);
+    TSTATUS GetPinMode(unsigned int pinId, KARVEX_GPIOMode& mode);
+
+    TSTATUS I2cTransaction(unsigned int i2cBus, unsigned int i2cSpeed, unsigned int i2cSlaveAddress,
+                           const unsigned char* writeData, unsigned int bytesToWrite, unsigned char* readBuffer,
+                           unsigned int bytesToRead, unsigned int timeoutInterval);
+
+    TSTATUS RegisterPinEventCallback(KARVEXCB_InputPinEvent* callback, void* callbackContext);
+
+    // True on the device's own pin event thread (where the application's pin
+    // callback runs): stopping that thread from itself is refused.
+    bool IsPinEventThread();
+
+    // Serialises the device's transactions; taken by the API object around
+    // every pin and I2C call.
+    PxMutex mMutex;
+
+private:
+    KarvexDevice(const KarvexDevice&) = delete;
+    KarvexDevice& operator=(const KarvexDevice&) = delete;
+
+    void EnterCritSec() { mMutex.Lock(); }
+    void LeaveCritSec() { mMutex.Unlock(); }
+
+    TSTATUS CheckReportLength(const char* direction, unsigned int length);
+    TSTATUS AllocateResources();
+    void FreeResources();
+
+    // IDs run 1..255 and wrap to 1; 0 is never sent.
+    T_UINT8 UniqueId()
+    {
+        mUniqueId = static_cast<T_UINT8>(mUniqueId + 1);
+        if (mUniqueId == 0)
+            mUniqueId = 1;
+        return mUniqueId;
+    }
+    void BuildCommand(T_UINT8 code, T_UINT16 length);
+    TSTATUS CheckResponse(T_UINT8 expectedCode, T_UINT16 expectedLength, unsigned int statusTraceMask);
+    TSTATUS ExecuteCommand(KarvexReportBuffer& command, KarvexReportBuffer& response, unsigned int waitTimeout);
+    TSTATUS GetProtocolVersion(T_UINT8& protocolVersionMajor, T_UINT8& protocolVersionMinor);
+
+    TSTATUS StartReaderThread();
+    void StopReaderThread();
+    void ProcessReceivedReport(KarvexReportBuffer& report);
+    void* ReadThreadRoutine();
+
+    TSTATUS StartPinEventThread();
+    void StopPinEventThread();
+    void FreePinEventResources();
+    void* PinEventThreadRoutine();
+
+    LxHidRawDeviceInterface mHidDevice;
+    KarvexReportBuffer mCommandReport;
+    KarvexReportBuffer mResponseReport;
+    unsigned int mCommandTimeout;
+    unsigned int mI2cMinTimeout;
+    unsigned int mI2cMaxTimeout;
+
+    PxThread mReaderThread;
+    PxThreadCallbackForwarderT<KarvexDevice> mReaderThreadForwarder;
+    PxPipe mReaderThreadTerminatePipe;
+    // Written by the controlling thread, read by the reader and command threads.
+    std::atomic<bool> mReaderThreadIsRunning;
+    KarvexReportBuffer mReadReport;
+    unsigned int mMaxResponseCount;
+    unsigned int mMaxEventCount;
+    KarvexStaticQueue mResponseQueue;
+    KarvexStaticQueue mEventQueue;
+
+    PxThread mPinEventThread;
+    PxThreadCallbackForwarderT<KarvexDevice> mPinEventThreadForwarder;
+    std::atomic<bool> mPinEventThreadIsRunning;
+    KarvexReportBuffer mEventReport;
+    KARVEXCB_InputPinEvent* mPinEventCallback;
+    void* mPinEventCallbackContext;
+    T_UINT8 mUniqueId;
+
+    // Serialises starting and stopping the pin event thread between
+    // RegisterPinEventCallback and Close on different application threads.
+    // Never held by the pin event thread, so the callback may call in freely.
+    PxMutex mPinEventControlMutex;
+    // Identity of the running pin event thread (for IsPinEventThread).
+    std::atomic<unsigned long> mPinEventThreadId;
+};
