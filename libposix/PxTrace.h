@@ -5,10 +5,29 @@
 #include <atomic>
 
 #include "karvex/karvex_api.h"
+#include "libposix/PxMutex.h"
 
 // The set of enabled trace classes (KARVEX_TRACE_* bits). Read without a lock
 // by every trace statement; a relaxed atomic keeps that well-defined.
 extern std::atomic<unsigned int> gTraceMask;
+
+// Serialises whole lines and dumps. Recursive, usable from any static
+// initialiser or destructor, and never torn down before the process exits.
+extern PxMutex& gTraceMutex;
+
+// The line under construction and its write position (the spelling of the
+// offset's name is historical). gCol counts the characters since the last
+// newline. The prefix is written in front of every line; nothing fills it by
+// default. All four are guarded by gTraceMutex.
+const unsigned int cTraceLineBufferSize = 4096;
+const unsigned int cTracePrefixBufferSize = 128;
+extern char gTraceLineBuffer[cTraceLineBufferSize];
+extern unsigned int gTraceLineBufferOffest;
+extern unsigned int gCol;
+extern char gTracePrefixBuffer[cTracePrefixBufferSize];
+
+// Size of VPrint's formatting buffer; a longer message aborts the process.
+const unsigned int cTraceMessageBufferSize = 2048;
 
 inline bool PxTraceEnabled(unsigned int bit)
 {

@@ -1,0 +1,125 @@
+#include "liblinux/LxHidRawPnPNotificator.h"
+
+#include <stdlib.h>
+
+#include "libposix/PxTrace.h"
+
+LxHidRawPnPNotificator::LxHidRawPnPNotificator() : mMutex(true), mVidPidList(nullptr), mUpdateCacheOnRemove(true)
+{
+}
+
+LxHidRawPnPNotificator::~LxHidRawPnPNotificator()
+{
+    LxHidRawPnPNotificator::Stop();
+}
+
+void LxHidRawPnPNotificator::Stop()
+{
+    PxMutexLock lock(mMutex);
+    LxPnPNotificator::Stop();
+    mVidPidList = nullptr;
+}
+
+TSTATUS LxHidRawPnPNotificator::StartForHidRawDevices(LxPnPNotificatorCallbackInterface* callback,
+                                                      const TbUsbVidPidList* vidPidList, bool updateCacheOnRemove)
+{
+    PxMutexLock lock(mMutex);
+
+    if (IsStarted()) {
+        PXTRACE_ERROR("%s: already started\n");
+        return TSTATUS_ALREADY_DONE;
+    }
+
+    mVidPidList = vidPidList;
+    mUpdateCacheOnRemove = updateCacheOnRemove;
+
+    // The cache describes the devices present when watching begins, so that
+    // the removal of one of them is recognised.
+    TSTATUS rc = mEnumerator.EnumerateHidRawDevices(vidPidList);
+    if (rc != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: EnumerateHidRawDevices failed, err = 0x%08X\n", static_cast<unsigned int>(rc));
+        return rc;
+    }
+
+    rc = Start(callback, "hidraw", nullptr);
+    if (rc != TSTATUS_SUCCESS) {
+        PXTRACE_ERROR("%s: Start failed, err = 0x%08X\n", static_cast<unsigned int>(rc));
+        Stop();
+        return rc;
+    }
+    return TSTATUS_SUCCESS;
+}
+
+bool LxHidRawPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& device, LxPnPNotificatorAction action)
+{
+    if (mVidPidList == nullptr)
+        return true;
+
+    switch (action) {
+    case Action_add:
+    case Action_online: {
+        LxUdevDevice usbDevice;
+        if (!usbDevice.InitWithGetParentWithSubsystemDevtype(device, "usb", "usb_device")) {
+            PXTRACE_ERROR("%s: InitWithGetParentWithSubsystemDevtype usb_device failed\n");
+            return false;
+        }
+        const char* vidText = usbDevice.GetSysattrValue("idVendor");
+        const char* pidText = usbDevice.GetSysattrValue("idProduct");
+        if (vidText == nullptr || pidText == nullptr) {
+            PXTRACE_ERROR("%s: can not get VID/PID\n");
+            return false;
+        }
+        const T_UINT16 vid = static_cast<T_UINT16>(strtol(vidText, nullptr, 16));
+        const T_UINT16 pid = static_cast<T_UINT16>(strtol(pidText, nullptr, 16));
+
+        bool hit = false;
+        for (const TbUsbVidPid& entry : *mVidPidList) {
+            if (entry.mVid == vid && entry.mPid == pid) {
+                hit = true;
+                break;
+            }
+        }
+        if (!hit) {
+            PXTRACE_INFO("%s: ignoring HID device VID=0x%04X PID=0x%04X because it's not in the filter list\n",
+                         static_cast<unsigned int>(vid), static_cast<unsigned int>(pid));
+            return false;
+        }
+
+        TSTATUS rc = mEnumerator.EnumerateHidRawDevices(mVidPidList);
+        if (rc != TSTATUS_SUCCESS)
+            PXTRACE_ERROR("%s: EnumerateHidRawDevices (add) failed, err = 0x%08X\n", static_cast<unsigned int>(rc));
+        // Reported even when the cache could not be refreshed.
+        return true;
+    }
+
+    case Action_remove:
+    case Action_offline: {
+        // The device is gone: only its node path, looked up in the cache as
+        // it was before this event, tells whether it was one of ours.
+        const char* devnode = device.GetDevnode();
+        unsigned index = 0;
+        TSTATUS rc = TSTATUS_OBJECT_NOT_FOUND;
+        if (devnode != nullptr)
+            rc = mEnumerator.FindIndexForDevicePath(devnode, index);
+        if (rc != TSTATUS_SUCCESS) {
+            PXTRACE_INFO("%s: FindIndexForDevicePath('%s') failed, err = 0x%08X, ignore device\n",
+                         devnode != nullptr ? devnode : "(null)", static_cast<unsigned int>(rc));
+            return false;
+        }
+        if (!mUpdateCacheOnRemove)
+            return true;
+        rc = mEnumerator.EnumerateHidRawDevices(mVidPidList);
+        if (rc != TSTATUS_SUCCESS)
+            PXTRACE_ERROR("%s: EnumerateHidRawDevices (remove) failed, err = 0x%08X\n",
+                          static_cast<unsigned int>(rc));
+        return true;
+    }
+
+    default: {
+        const char* devnode = device.GetDevnode();
+        PXTRACE_WARN("%s: ignore unknown action %d for device '%s'\n", static_cast<int>(action),
+                     devnode != nullptr ? devnode : "(null)");
+        return false;
+    }
+    }
+}

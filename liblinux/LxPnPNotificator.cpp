@@ -1,0 +1,183 @@
+#include "liblinux/LxPnPNotificator.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <string.h>
+
+#include "liblinux/LxUdevContextGlobal.h"
+#include "libposix/PxTrace.h"
+#include "libtb/TbStringUtils.h"
+
+namespace {
+
+// Action names in the order they are matched; the index is the
+// LxPnPNotificatorAction value.
+const char* const cActionNames[] = {"add", "remove", "change", "online", "offline"};
+
+// A descriptor in one of these states can never become readable again:
+// polling on would only spin, so the thread treats them all as an error.
+const short cPollErrorEvents = POLLERR | POLLHUP | POLLNVAL;
+
+} // namespace
+
+LxPnPNotificator::LxPnPNotificator() : mStarted(false), mTerminate(false), mCallback(nullptr)
+{
+    mThreadForwarder.Init(this, &LxPnPNotificator::ThreadCallback);
+}
+
+LxPnPNotificator::~LxPnPNotificator()
+{
+    // Non-virtual on purpose: the subclass parts are already gone here.
+    LxPnPNotificator::Stop();
+}
+
+TSTATUS LxPnPNotificator::Start(LxPnPNotificatorCallbackInterface* callback, const char* subsystem,
+                                const char* devtype)
+{
+    if (mStarted)
+        return TSTATUS_ALREADY_DONE;
+
+    if (!mUdevMonitor.InitFromNetLinkUdev(LxUdevContextGlobal::GetContext()))
+        return TSTATUS_FAILED;
+    // Receiving is enabled before the thread exists: events arriving in
+    // between wait in the socket and are served on the first poll.
+    if (!mUdevMonitor.FilterAddMatchSubsystemDevtype(subsystem, devtype) || !mUdevMonitor.EnableReceiving()) {
+        mUdevMonitor.Deinit();
+        return TSTATUS_FAILED;
+    }
+
+    int rc = mPipe.Create(true);
+    if (rc < 0) {
+        PXTRACE_ERROR("%s: mPipe.Create failed (%s)\n", strerror(-rc));
+        mUdevMonitor.Deinit();
+        return TSTATUS_FAILED;
+    }
+
+    mTerminate = false;
+    mCallback = callback;
+
+    int err = mThread.Create(&mThreadForwarder, nullptr);
+    if (err != 0) {
+        // Create returns a negated error number (or -1), which strerror
+        // reports as an unknown error; the raw value is what gets logged.
+        PXTRACE_ERROR("%s: mThread.Create failed (%s)\n", strerror(err));
+        mPipe.Close();
+        mUdevMonitor.Deinit();
+        return TSTATUS_FAILED;
+    }
+
+    mStarted = true;
+    return TSTATUS_SUCCESS;
+}
+
+void LxPnPNotificator::Stop()
+{
+    if (!mStarted)
+        return;
+
+    mTerminate = true;
+    mPipe.WriteChar('x');
+    // Returns at once when the thread has already ended by itself.
+    mThread.Join(nullptr, -1);
+
+    mPipe.Close();
+    mUdevMonitor.Deinit();
+
+    mTerminate = false;
+    mCallback = nullptr;
+    mStarted = false;
+}
+
+bool LxPnPNotificator::IsStarted()
+{
+    return mStarted;
+}
+
+bool LxPnPNotificator::IsNotificationThread()
+{
+    return mThread.IsCurrentThread();
+}
+
+bool LxPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& /*device*/, LxPnPNotificatorAction /*action*/)
+{
+    return true;
+}
+
+void* LxPnPNotificator::ThreadCallback()
+{
+    for (;;) {
+        if (mTerminate)
+            return nullptr;
+
+        struct pollfd fds[2];
+        fds[0].fd = mPipe.GetReadEnd();
+        fds[0].events = POLLIN | POLLERR;
+        fds[0].revents = 0;
+        fds[1].fd = mUdevMonitor.GetFd();
+        fds[1].events = POLLIN | POLLERR;
+        fds[1].revents = 0;
+
+        int n = poll(fds, 2, -1);
+        if (n == 0) {
+            // Cannot happen without a time-out; kept so that a finite one
+            // would still honour the flag.
+            PXTRACE_ERROR("%s: timeout\n");
+            continue;
+        }
+        if (n < 0) {
+            // EINTR included: a signal aimed at this thread ends it.
+            PXTRACE_ERROR("%s: poll error (%s)\n", strerror(errno));
+            return nullptr;
+        }
+
+        // The pipe has priority; after draining it the flag decides.
+        if (fds[0].revents & POLLIN) {
+            mPipe.ReadDummy();
+            continue;
+        }
+        if (fds[0].revents & cPollErrorEvents) {
+            PXTRACE_ERROR("%s: fds[0] error\n");
+            return nullptr;
+        }
+
+        if (fds[1].revents & POLLIN) {
+            // An error reported together with data is left for the next pass.
+            fds[1].revents = 0;
+            HandlePnPEvent();
+            continue;
+        }
+        if (fds[1].revents & cPollErrorEvents) {
+            PXTRACE_ERROR("%s: fds[1] error\n");
+            return nullptr;
+        }
+    }
+}
+
+void LxPnPNotificator::HandlePnPEvent()
+{
+    // Adopts the reference that the monitor hands over.
+    LxUdevDevice device(mUdevMonitor.ReceiveDevice());
+    if (!device.IsInitialized())
+        return;
+
+    const char* actionText = device.GetAction();
+    int action = -1;
+    if (actionText != nullptr) {
+        for (unsigned i = 0; i < sizeof(cActionNames) / sizeof(cActionNames[0]); ++i) {
+            if (TbStringEqualIgnoreCase(actionText, cActionNames[i])) {
+                action = static_cast<int>(i);
+                break;
+            }
+        }
+    }
+    if (action < 0) {
+        PXTRACE_WARN("%s: ignore unexpected action %s\n", actionText != nullptr ? actionText : "(null)");
+        return;
+    }
+
+    if (mCallback == nullptr)
+        return;
+    if (!OnFilterDeviceInstance(device, static_cast<LxPnPNotificatorAction>(action)))
+        return;
+    mCallback->PnPAction(static_cast<LxPnPNotificatorAction>(action), device.GetSyspath());
+}

@@ -1,0 +1,37 @@
+// Measures the time elapsed since Start() on a POSIX clock (CLOCK_MONOTONIC
+// unless changed). One stopwatch serves one measurement.
+#pragma once
+
+#include <time.h>
+
+#include "libtb/TbTypes.h"
+
+class LxStopwatch {
+public:
+    LxStopwatch();
+    ~LxStopwatch();
+
+    // TSTATUS_ALREADY_DONE when already started (the first start time stays).
+    TSTATUS Start();
+    void Stop();
+    bool IsStarted() const { return mIsStarted; }
+    void SetClockId(clockid_t clockId) { mClockId = clockId; }
+    clockid_t ClockId() const { return mClockId; }
+
+    TSTATUS ElapsedTime(timespec& elapsedTime) const;
+    // Truncated conversions of ElapsedTime; 0 on any failure.
+    long ElapsedSeconds() const;
+    long ElapsedMilliseconds() const;
+    long ElapsedMicroseconds() const;
+    long ElapsedNanoSeconds() const;
+
+    TSTATUS ClockResolution(timespec& resolution);
+
+private:
+    LxStopwatch(const LxStopwatch&);
+    LxStopwatch& operator=(const LxStopwatch&);
+
+    clockid_t mClockId;
+    timespec mStartTime;
+    bool mIsStarted;
+};

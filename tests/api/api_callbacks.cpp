@@ -1,0 +1,256 @@
+// Pin event and hot-plug callbacks through the public API: which thread
+// runs them, calling back into the library from them, exceptions escaping
+// them, and closing or re-registering while they run.
+#include "support/api_fixture.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+
+using namespace karvex_test;
+
+namespace {
+
+struct PinEvent {
+    unsigned int pin;
+    KARVEX_GPIOState state;
+    pthread_t thread;
+};
+
+struct PinContext {
+    EventLog<PinEvent> log;
+    KARVEXDeviceHandle handle = 0;
+    std::atomic<int> readBackFailures{0};
+    bool callBack = false;
+    bool throwIt = false;
+};
+
+void OnPin(void* ctx, unsigned int pin, KARVEX_GPIOState state)
+{
+    auto* c = static_cast<PinContext*>(ctx);
+    if (c->callBack) {
+        // Reading the pin from inside its own event callback must not deadlock.
+        KARVEX_GPIOState now = GPIOState_Low;
+        if (KARVEX_GetPinState(c->handle, pin, &now) != TSTATUS_SUCCESS)
+            ++c->readBackFailures;
+    }
+    c->log.Add(PinEvent{pin, state, pthread_self()});
+    if (c->throwIt)
+        throw std::runtime_error("application bug");
+}
+
+struct ChangeContext {
+    EventLog<KARVEXDeviceEvent> log;
+    std::atomic<unsigned int> countSeenInCallback{0};
+    bool enumerate = false;
+    bool throwIt = false;
+};
+
+void OnChange(void* ctx, KARVEXDeviceEvent event)
+{
+    auto* c = static_cast<ChangeContext*>(ctx);
+    if (c->enumerate) {
+        unsigned int count = 0;
+        if (KARVEX_EnumerateDevices(&count) == TSTATUS_SUCCESS)
+            c->countSeenInCallback = count;
+    }
+    c->log.Add(event);
+    if (c->throwIt)
+        throw 42;
+}
+
+} // namespace
+
+TEST_F(ApiTest, PinEventsArriveOnTheirOwnThreadAndMayCallBack)
+{
+    auto& a = AddAdapter();
+    KARVEXDeviceHandle h = Open(a);
+    ASSERT_NE(0u, h);
+    PinContext ctx;
+    ctx.handle = h;
+    ctx.callBack = true;
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinMode(h, 4, GPIOMode_InputEvent));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, OnPin, &ctx));
+    a.firmware->SetInputLevel(4, true);
+    a.firmware->SetInputLevel(4, false);
+    ASSERT_TRUE(ctx.log.WaitForCount(2));
+    auto events = ctx.log.Items();
+    EXPECT_EQ(4u, events[0].pin);
+    EXPECT_EQ(GPIOState_High, events[0].state);
+    EXPECT_EQ(GPIOState_Low, events[1].state);
+    EXPECT_FALSE(pthread_equal(events[0].thread, pthread_self()));
+    EXPECT_EQ(0, ctx.readBackFailures.load());
+    // The callback may not close or re-register its own device.
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, nullptr, nullptr));
+    a.firmware->SetInputLevel(4, true);
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_GetPinMode(h, 4, reinterpret_cast<KARVEX_GPIOMode*>(&events[0].state)));
+    EXPECT_EQ(2u, ctx.log.Size());
+}
+
+TEST_F(ApiTest, ThrowingPinCallbackIsReportedAndSurvived)
+{
+    auto& a = AddAdapter();
+    KARVEXDeviceHandle h = Open(a);
+    ASSERT_NE(0u, h);
+    PinContext ctx;
+    ctx.throwIt = true;
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinMode(h, 1, GPIOMode_InputEvent));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, OnPin, &ctx));
+    TraceCapture capture;
+    TPosixSetTraceMask(KARVEX_TRACE_ERROR);
+    capture.Start();
+    a.firmware->SetInputLevel(1, true);
+    a.firmware->SetInputLevel(1, false);
+    ASSERT_TRUE(ctx.log.WaitForCount(2));
+    // Register again (joins the thread) so that every trace line is out.
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, nullptr, nullptr));
+    TPosixSetTraceMask(0);
+    const std::string out = capture.Stop();
+    const std::string line = "void* KarvexDevice::PinEventThreadRoutine(): FATAL: Uncaught exception in pin event callback\n";
+    std::size_t first = out.find(line);
+    ASSERT_NE(std::string::npos, first) << out;
+    EXPECT_NE(std::string::npos, out.find(line, first + 1)) << "one report per throw";
+}
+
+TEST_F(ApiTest, CloseFromAnotherThreadWaitsForARunningCallbackThatCallsIn)
+{
+    auto& a = AddAdapter();
+    KARVEXDeviceHandle h = Open(a);
+    ASSERT_NE(0u, h);
+    struct Ctx {
+        KARVEXDeviceHandle h;
+        std::atomic<bool> entered{false};
+        std::atomic<bool> release{false};
+        std::atomic<bool> finished{false};
+        std::atomic<TSTATUS> inner{TSTATUS_SUCCESS};
+    } ctx;
+    ctx.h = h;
+    auto cb = [](void* p, unsigned int, KARVEX_GPIOState) {
+        auto* c = static_cast<Ctx*>(p);
+        c->entered = true;
+        while (!c->release)
+            std::this_thread::yield();
+        // By now the application is closing this handle on another thread.
+        KARVEX_GPIOState s;
+        c->inner = KARVEX_GetPinState(c->h, 0, &s);
+        c->finished = true;
+    };
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinMode(h, 0, GPIOMode_InputEvent));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, cb, &ctx));
+    a.firmware->SetInputLevel(0, true);
+    while (!ctx.entered)
+        std::this_thread::yield();
+    std::thread closer([&] { EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_CloseDevice(h)); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ctx.release = true;
+    closer.join();
+    Closed(h);
+    // Close returned only after the callback had finished; the callback's own
+    // call did not deadlock (it either ran before the close or saw the handle gone).
+    EXPECT_TRUE(ctx.finished.load());
+    EXPECT_TRUE(ctx.inner == TSTATUS_SUCCESS || ctx.inner == TSTATUS_INVALID_HANDLE) << std::hex << ctx.inner;
+}
+
+TEST_F(ApiTest, HotPlugCallbacksReportArrivalAndRemovalAndMayCallBack)
+{
+    ChangeContext ctx;
+    ctx.enumerate = true;
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(OnChange, &ctx));
+    auto& a = AddAdapter();
+    ASSERT_TRUE(ctx.log.WaitForCount(1));
+    EXPECT_EQ(KARVEXEvent_DeviceAttached, ctx.log.Items()[0]);
+    EXPECT_EQ(1u, ctx.countSeenInCallback.load());
+    // A foreign device comes and goes without a callback.
+    auto& foreign = mTestbed->AddDevice(kemu::ForeignDeviceConfig());
+    foreign.Unplug();
+    a.device->Unplug();
+    ASSERT_TRUE(ctx.log.WaitForCount(2));
+    EXPECT_EQ(KARVEXEvent_DeviceRemoved, ctx.log.Items()[1]);
+    EXPECT_EQ(0u, ctx.countSeenInCallback.load());
+    a.device->Plug();
+    ASSERT_TRUE(ctx.log.WaitForCount(3));
+    EXPECT_EQ(KARVEXEvent_DeviceAttached, ctx.log.Items()[2]);
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(nullptr, nullptr));
+    a.device->Unplug();
+    a.device->Plug();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(3u, ctx.log.Size());
+}
+
+TEST_F(ApiTest, ThrowingDeviceChangeCallbackIsReportedOncePerNotification)
+{
+    ChangeContext ctx;
+    ctx.throwIt = true;
+    TraceCapture capture;
+    TPosixSetTraceMask(KARVEX_TRACE_ERROR);
+    capture.Start();
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(OnChange, &ctx));
+    auto& a = AddAdapter();
+    ASSERT_TRUE(ctx.log.WaitForCount(1));
+    a.device->Unplug();
+    ASSERT_TRUE(ctx.log.WaitForCount(2));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(nullptr, nullptr));
+    TPosixSetTraceMask(0);
+    const std::string out = capture.Stop();
+    const std::string line = "void KarvexApi::OnDeviceChangeCallback(LxPnPNotificatorAction, const char*): FATAL: "
+                             "Uncaught exception in device change callback\n";
+    const std::size_t first = out.find(line);
+    ASSERT_NE(std::string::npos, first) << out;
+    const std::size_t second = out.find(line, first + 1);
+    EXPECT_NE(std::string::npos, second) << out;
+    EXPECT_EQ(std::string::npos, out.find(line, second + 1)) << out;
+}
+
+TEST_F(ApiTest, RemovalIsOnlyReportedTheHandleFailsUntilClosed)
+{
+    auto& a = AddAdapter();
+    KARVEXDeviceHandle h = Open(a);
+    ASSERT_NE(0u, h);
+    a.device->Unplug();
+    EXPECT_EQ(TSTATUS_DEVICE_REMOVED, KARVEX_CheckDeviceConnection(h));
+    EXPECT_NE(TSTATUS_SUCCESS, KARVEX_SetPinState(h, 0, GPIOState_High));
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_CloseDevice(h));
+    Closed(h);
+    a.device->Plug();
+    KARVEXDeviceHandle h2 = Open(a);
+    ASSERT_NE(0u, h2);
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinState(h2, 0, GPIOState_High));
+}
+
+// The leaked-handle report is written while the process exits, so it is
+// checked in a child: this test binary re-runs itself with one test selected.
+TEST(ApiLeak, ChildLeavesAHandleOpen)
+{
+    if (std::getenv("KARVEX_LEAK_CHILD") == nullptr)
+        GTEST_SKIP() << "runs only as the child of ApiLeak.LeakedHandleIsReportedAtExit";
+    kemu::EmuTestbed testbed;
+    auto& device = testbed.AddDevice(kemu::AdapterConfig());
+    kemu::EmuAdapterFirmware firmware(device);
+    KARVEXDeviceHandle h = 0;
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_OpenDevice(device.DevNode().c_str(), &h));
+    fflush(stdout);
+    // Leave without closing: the library reports and cleans up at exit.
+    std::exit(0);
+}
+
+TEST(ApiLeak, LeakedHandleIsReportedAtExit)
+{
+    if (std::getenv("KARVEX_LEAK_CHILD") != nullptr)
+        GTEST_SKIP();
+    const std::string cmd =
+        "KARVEX_LEAK_CHILD=1 ASAN_OPTIONS=\"$ASAN_OPTIONS:detect_leaks=0\" /proc/" + std::to_string(getpid()) + "/exe --gtest_filter=ApiLeak.ChildLeavesAHandleOpen 2>&1";
+    FILE* child = popen(cmd.c_str(), "r");
+    ASSERT_NE(nullptr, child);
+    std::string out;
+    char buf[512];
+    while (fgets(buf, sizeof buf, child) != nullptr)
+        out += buf;
+    const int rc = pclose(child);
+    EXPECT_EQ(0, rc) << out;
+    EXPECT_NE(std::string::npos, out.find("KarvexApi::~KarvexApi(): FATAL: The application has leaked device handles\n"))
+        << out;
+}

@@ -1,0 +1,137 @@
+// Fixture for tests that use libkarvex the way an application does: only the
+// public header and the shared library, against emulated adapters.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "EmuAdapterFirmware.h"
+#include "EmuHidDevice.h"
+#include "EmuTestbed.h"
+#include "karvex/karvex_api.h"
+
+namespace karvex_test {
+
+// Collects trace output written to standard output between Start and Stop.
+class TraceCapture {
+public:
+    void Start()
+    {
+        fflush(stdout);
+        testing::internal::CaptureStdout();
+        mActive = true;
+    }
+    std::string Stop()
+    {
+        if (!mActive)
+            return {};
+        fflush(stdout);
+        mActive = false;
+        return testing::internal::GetCapturedStdout();
+    }
+    ~TraceCapture() { Stop(); }
+
+private:
+    bool mActive = false;
+};
+
+struct EmulatedAdapter {
+    kemu::EmuHidDevice* device = nullptr;
+    std::unique_ptr<kemu::EmuAdapterFirmware> firmware;
+    std::shared_ptr<kemu::EmuEeprom> eeprom;
+};
+
+class ApiTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(kemu::EmuTestbed::InMockEnvironment()) << "run under umockdev-wrapper";
+        mTestbed = std::make_unique<kemu::EmuTestbed>();
+        TPosixSetTraceMask(0);
+    }
+
+    void TearDown() override
+    {
+        for (KARVEXDeviceHandle h : mOpened)
+            KARVEX_CloseDevice(h);
+        KARVEX_RegisterDeviceChangeCallback(nullptr, nullptr);
+        TPosixSetTraceMask(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING);
+        mAdapters.clear();
+        mTestbed.reset();
+    }
+
+    EmulatedAdapter& AddAdapter(std::uint16_t pid = KARVEX_USB_PRODUCT_ID_1, const std::string& serial = "KVX000001")
+    {
+        auto adapter = std::make_unique<EmulatedAdapter>();
+        adapter->device = &mTestbed->AddDevice(kemu::AdapterConfig(pid, serial));
+        adapter->firmware = std::make_unique<kemu::EmuAdapterFirmware>(*adapter->device);
+        adapter->eeprom = std::make_shared<kemu::EmuEeprom>(256);
+        adapter->firmware->AttachI2cSlave(0, 0x50, adapter->eeprom);
+        mAdapters.push_back(std::move(adapter));
+        return *mAdapters.back();
+    }
+
+    KARVEXDeviceHandle Open(const EmulatedAdapter& adapter)
+    {
+        KARVEXDeviceHandle h = 0;
+        EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_OpenDevice(adapter.device->DevNode().c_str(), &h));
+        if (h != 0)
+            mOpened.push_back(h);
+        return h;
+    }
+
+    void Closed(KARVEXDeviceHandle h)
+    {
+        for (auto it = mOpened.begin(); it != mOpened.end(); ++it) {
+            if (*it == h) {
+                mOpened.erase(it);
+                return;
+            }
+        }
+    }
+
+    std::unique_ptr<kemu::EmuTestbed> mTestbed;
+    std::vector<std::unique_ptr<EmulatedAdapter>> mAdapters;
+    std::vector<KARVEXDeviceHandle> mOpened;
+};
+
+// A thread-safe record of callback invocations with a bounded wait.
+template <typename T>
+class EventLog {
+public:
+    void Add(const T& value)
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mItems.push_back(value);
+        mCond.notify_all();
+    }
+    bool WaitForCount(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(5))
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mCond.wait_for(lock, timeout, [&] { return mItems.size() >= count; });
+    }
+    std::vector<T> Items()
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mItems;
+    }
+    std::size_t Size()
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mItems.size();
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mCond;
+    std::vector<T> mItems;
+};
+
+} // namespace karvex_test
