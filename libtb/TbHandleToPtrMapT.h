@@ -24,10 +24,10 @@
 template <typename T, typename THandle, unsigned int IndexBits>
 class TbHandleToPtrMapT {
 public:
-    static const THandle InvalidHandleValue = 0;
-    static const unsigned int cIndexMask = (1U << IndexBits) - 1U;
-    static const unsigned int cGenerationCountMask = (1U << (sizeof(THandle) * 8U - IndexBits)) - 1U;
-    static const std::size_t cMaxEntries = static_cast<std::size_t>(1) << IndexBits;
+    static constexpr THandle InvalidHandleValue = 0;
+    static constexpr unsigned int cIndexMask = (1U << IndexBits) - 1U;
+    static constexpr unsigned int cGenerationCountMask = (1U << (sizeof(THandle) * 8U - IndexBits)) - 1U;
+    static constexpr std::size_t cMaxEntries = static_cast<std::size_t>(1) << IndexBits;
 
     struct HandleEntry {
         THandle handle; // 0 while the slot is free

@@ -1,0 +1,358 @@
+// Handle map and handle-based container: handle format, reuse with a new
+// generation, stale handles, the slot limit and ownership.
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "libposix/PxTrace.h"
+#include "libtb/TbHandleBasedContainerT.h"
+#include "libtb/TbHandleToPtrMapT.h"
+
+namespace {
+
+template <typename F>
+std::string CaptureTrace(F f)
+{
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+    f();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+struct Item {
+    int id;
+};
+
+typedef TbHandleToPtrMapT<Item, unsigned int, 16> ItemMap;
+
+// Records its destruction so that tests can see order and count.
+struct Tracked {
+    explicit Tracked(std::vector<const Tracked*>* log) : mLog(log) {}
+    ~Tracked() { mLog->push_back(this); }
+    std::vector<const Tracked*>* mLog;
+};
+
+typedef TbHandleBasedContainerT<Tracked, unsigned int> TrackedContainer;
+
+bool IsContainerAssertion(const std::string& out, const char* expression)
+{
+    std::string pattern = std::string("\nASSERTION FAILED: \\(") + expression +
+                          "\\)\n  libtb/TbHandleBasedContainerT\\.h\\([0-9]+\\)\n";
+    return std::regex_match(out, std::regex(pattern));
+}
+
+class HandleTableTest : public ::testing::Test {
+protected:
+    void SetUp() override { TPosixSetTraceMask(KARVEX_TRACE_ERROR); }
+    void TearDown() override { TPosixSetTraceMask(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING); }
+};
+
+} // namespace
+
+TEST_F(HandleTableTest, HandleArithmetic)
+{
+    EXPECT_EQ(0u, ItemMap::InvalidHandleValue);
+    EXPECT_EQ(0xFFFFu, ItemMap::cIndexMask);
+    EXPECT_EQ(0xFFFFu, ItemMap::cGenerationCountMask);
+    EXPECT_EQ(0x10000u, ItemMap::cMaxEntries);
+    EXPECT_EQ(0x1234u, ItemMap::IndexFromHandle(0xABCD1234u));
+}
+
+TEST_F(HandleTableTest, FreshContainerIssuesSequentialHandles)
+{
+    std::vector<const Tracked*> log;
+    TrackedContainer c;
+    EXPECT_TRUE(c.IsEmpty());
+    Tracked* a = new Tracked(&log);
+    Tracked* b = new Tracked(&log);
+    Tracked* d = new Tracked(&log);
+    EXPECT_EQ(0x00010000u, c.AddObject(a));
+    EXPECT_EQ(0x00020001u, c.AddObject(b));
+    EXPECT_EQ(0x00030002u, c.AddObject(d));
+    EXPECT_FALSE(c.IsEmpty());
+    EXPECT_EQ(a, c.LookupObjectByHandle(0x00010000u));
+    EXPECT_EQ(b, c.LookupObjectByHandle(0x00020001u));
+    EXPECT_EQ(d, c.LookupObjectByHandle(0x00030002u));
+    EXPECT_EQ(b, c.LookupObjectPtr(b));
+
+    // Freed slot 1 is reused with a new generation; the old handle is stale.
+    EXPECT_TRUE(c.RemoveObject(b, 0x00020001u));
+    EXPECT_EQ(nullptr, c.LookupObjectByHandle(0x00020001u));
+    EXPECT_EQ(nullptr, c.LookupObjectPtr(b));
+    Tracked* e = new Tracked(&log);
+    EXPECT_EQ(0x00040001u, c.AddObject(e));
+    EXPECT_EQ(e, c.LookupObjectByHandle(0x00040001u));
+    EXPECT_EQ(nullptr, c.LookupObjectByHandle(0x00020001u));
+    EXPECT_TRUE(log.empty()); // RemoveObject does not destroy
+    delete b;
+}
+
+TEST_F(HandleTableTest, UnresolvableHandles)
+{
+    ItemMap map;
+    Item items[2];
+    unsigned int h0 = map.AddPointer(&items[0]);
+    unsigned int h1 = map.AddPointer(&items[1]);
+    ASSERT_EQ(0x00010000u, h0);
+    ASSERT_EQ(0x00020001u, h1);
+    EXPECT_EQ(nullptr, map.LookupPointer(0));
+    EXPECT_EQ(nullptr, map.LookupPointer(0x00030001u)); // right index, wrong generation
+    EXPECT_EQ(nullptr, map.LookupPointer(0x00010001u)); // generation of another slot
+    EXPECT_EQ(nullptr, map.LookupPointer(0x00020002u)); // index beyond the vector
+    EXPECT_EQ(nullptr, map.LookupPointer(0x0002FFFFu));
+    // Releasing by an unresolvable handle changes nothing.
+    EXPECT_EQ(nullptr, map.RemovePointerByHandle(0));
+    EXPECT_EQ(nullptr, map.RemovePointerByHandle(0x00030001u));
+    EXPECT_EQ(nullptr, map.RemovePointerByHandle(0x00020005u));
+    EXPECT_EQ(&items[0], map.LookupPointer(h0));
+    EXPECT_EQ(&items[1], map.LookupPointer(h1));
+    // Releasing twice: the second time the slot is free.
+    EXPECT_EQ(&items[1], map.RemovePointerByHandle(h1));
+    EXPECT_EQ(nullptr, map.RemovePointerByHandle(h1));
+    EXPECT_EQ(nullptr, map.LookupPointer(h1));
+    // The free slot's link does not pass for a handle.
+    EXPECT_EQ(nullptr, map.LookupPointer(0x00000001u));
+}
+
+TEST_F(HandleTableTest, FreeSlotsAreReusedLastFreedFirst)
+{
+    ItemMap map;
+    Item items[6];
+    unsigned int h[3];
+    for (int i = 0; i < 3; i++)
+        h[i] = map.AddPointer(&items[i]);
+    EXPECT_EQ(&items[0], map.RemovePointerByHandle(h[0]));
+    EXPECT_EQ(&items[2], map.RemovePointerByHandle(h[2]));
+    unsigned int a = map.AddPointer(&items[3]);
+    unsigned int b = map.AddPointer(&items[4]);
+    unsigned int c = map.AddPointer(&items[5]);
+    EXPECT_EQ(0x00040002u, a);
+    EXPECT_EQ(0x00050000u, b);
+    EXPECT_EQ(0x00060003u, c);
+    EXPECT_EQ(4u, map.SlotCount());
+    EXPECT_EQ(&items[1], map.LookupPointer(h[1]));
+}
+
+TEST_F(HandleTableTest, GenerationSkipsZeroWhenItWraps)
+{
+    ItemMap map;
+    Item item;
+    // Generations 1 .. 0xFFFE, all on slot 0.
+    for (unsigned int g = 1; g <= 0xFFFEu; g++) {
+        unsigned int h = map.AddPointer(&item);
+        ASSERT_EQ(g << 16, h);
+        ASSERT_EQ(&item, map.RemovePointerByHandle(h));
+    }
+    unsigned int last = map.AddPointer(&item);
+    EXPECT_EQ(0xFFFF0000u, last);
+    ASSERT_EQ(&item, map.RemovePointerByHandle(last));
+    unsigned int wrapped = map.AddPointer(&item);
+    EXPECT_EQ(0x00010000u, wrapped);
+    // The very first handle of this slot resolves again: the documented
+    // limit of stale-handle detection.
+    EXPECT_EQ(&item, map.LookupPointer(0x00010000u));
+    EXPECT_EQ(nullptr, map.LookupPointer(0xFFFF0000u));
+    unsigned int next = map.AddPointer(&item);
+    EXPECT_EQ(0x00020001u, next);
+}
+
+TEST_F(HandleTableTest, SlotLimitRefusesEvenWithFreeSlots)
+{
+    ItemMap map;
+    std::vector<Item> items(0x10001);
+    std::vector<unsigned int> handles;
+    for (unsigned int i = 0; i < 0x10000u; i++) {
+        unsigned int h = map.AddPointer(&items[i]);
+        ASSERT_NE(0u, h) << i;
+        ASSERT_EQ(i, ItemMap::IndexFromHandle(h));
+        handles.push_back(h);
+    }
+    EXPECT_EQ(0x10000u, map.SlotCount());
+    EXPECT_EQ(0xFFFFu, ItemMap::IndexFromHandle(handles.back()));
+    EXPECT_EQ(&items[0xFFFF], map.LookupPointer(handles.back()));
+    EXPECT_EQ(0u, map.AddPointer(&items[0x10000]));
+
+    // A free slot does not help: the limit is on the vector's size.
+    EXPECT_EQ(&items[7], map.RemovePointerByHandle(handles[7]));
+    EXPECT_EQ(0u, map.AddPointer(&items[0x10000]));
+    EXPECT_EQ(0x10000u, map.SlotCount());
+    EXPECT_EQ(&items[8], map.LookupPointer(handles[8]));
+}
+
+TEST_F(HandleTableTest, ContainerRefusesAtTheSlotLimit)
+{
+    std::vector<const Tracked*> log;
+    {
+        TrackedContainer c;
+        for (unsigned int i = 0; i < 0x10000u; i++)
+            ASSERT_NE(0u, c.AddObject(new Tracked(&log))) << i;
+        std::unique_ptr<Tracked> extra(new Tracked(&log));
+        EXPECT_EQ(0u, c.AddObject(extra.get()));
+        EXPECT_EQ(nullptr, c.LookupObjectPtr(extra.get())); // set unchanged
+    }
+    // The extra object plus every owned one.
+    EXPECT_EQ(0x10001u, log.size());
+}
+
+TEST_F(HandleTableTest, RemoveAllPointerInstancesFreesEverySlotOfThePointer)
+{
+    ItemMap map;
+    Item p;
+    Item q;
+    unsigned int h0 = map.AddPointer(&p);
+    unsigned int h1 = map.AddPointer(&q);
+    unsigned int h2 = map.AddPointer(&p);
+    EXPECT_EQ(2u, map.RemoveAllPointerInstances(&p));
+    EXPECT_EQ(0u, map.RemoveAllPointerInstances(&p));
+    EXPECT_EQ(nullptr, map.LookupPointer(h0));
+    EXPECT_EQ(nullptr, map.LookupPointer(h2));
+    EXPECT_EQ(&q, map.LookupPointer(h1));
+    // Freed in ascending order, so slot 2 is on top of the free stack.
+    EXPECT_EQ(2u, ItemMap::IndexFromHandle(map.AddPointer(&q)));
+    EXPECT_EQ(0u, ItemMap::IndexFromHandle(map.AddPointer(&q)));
+    EXPECT_EQ(3u, map.SlotCount());
+}
+
+TEST_F(HandleTableTest, DeleteAllObjectsDestroysInAddressOrderAndFreesHandles)
+{
+    std::vector<const Tracked*> log;
+    TrackedContainer c;
+    std::vector<Tracked*> objs;
+    std::vector<unsigned int> handles;
+    for (int i = 0; i < 5; i++) {
+        objs.push_back(new Tracked(&log));
+        handles.push_back(c.AddObject(objs.back()));
+    }
+    std::string out = CaptureTrace([&] { c.DeleteAllObjects(); });
+    EXPECT_EQ("", out);
+    ASSERT_EQ(5u, log.size());
+    for (size_t i = 1; i < log.size(); i++)
+        EXPECT_LT(log[i - 1], log[i]);
+    EXPECT_TRUE(c.IsEmpty());
+    for (unsigned int h : handles)
+        EXPECT_EQ(nullptr, c.LookupObjectByHandle(h));
+
+    // Empty container: nothing happens.
+    c.DeleteAllObjects();
+    EXPECT_EQ(5u, log.size());
+    // Freed slots are reused last freed first: the slot of the object with
+    // the highest address.
+    size_t highest = 0;
+    for (size_t i = 1; i < objs.size(); i++)
+        if (objs[i] > objs[highest])
+            highest = i;
+    Tracked* again = new Tracked(&log);
+    EXPECT_EQ(ItemMap::IndexFromHandle(handles[highest]), ItemMap::IndexFromHandle(c.AddObject(again)));
+}
+
+TEST_F(HandleTableTest, DestructorDeletesRemainingObjects)
+{
+    std::vector<const Tracked*> log;
+    Tracked* kept = new Tracked(&log);
+    {
+        TrackedContainer c;
+        c.AddObject(new Tracked(&log));
+        c.AddObject(new Tracked(&log));
+        unsigned int h = c.AddObject(kept);
+        EXPECT_TRUE(c.RemoveObject(kept, h));
+    }
+    EXPECT_EQ(2u, log.size());
+    delete kept;
+    EXPECT_EQ(3u, log.size());
+}
+
+TEST_F(HandleTableTest, ObjectAddedTwiceAssertsButGetsASecondHandle)
+{
+    std::vector<const Tracked*> log;
+    TrackedContainer c;
+    Tracked* a = new Tracked(&log);
+    unsigned int h1 = c.AddObject(a);
+    unsigned int h2 = 0;
+    std::string out = CaptureTrace([&] { h2 = c.AddObject(a); });
+    EXPECT_TRUE(IsContainerAssertion(out, "0")) << out;
+    EXPECT_EQ(0x00020001u, h2);
+    EXPECT_EQ(a, c.LookupObjectByHandle(h1));
+    EXPECT_EQ(a, c.LookupObjectByHandle(h2));
+    // Destroyed once, and both handles released.
+    out = CaptureTrace([&] { c.DeleteAllObjects(); });
+    EXPECT_EQ("", out);
+    EXPECT_EQ(1u, log.size());
+    EXPECT_EQ(nullptr, c.LookupObjectByHandle(h1));
+    EXPECT_EQ(nullptr, c.LookupObjectByHandle(h2));
+}
+
+TEST_F(HandleTableTest, RemoveObjectWithMismatchingHandle)
+{
+    std::vector<const Tracked*> log;
+    TrackedContainer c;
+    Tracked* a = new Tracked(&log);
+    Tracked* b = new Tracked(&log);
+    unsigned int ha = c.AddObject(a);
+    unsigned int hb = c.AddObject(b);
+
+    // Unknown handle: asserts, but the object is forgotten all the same.
+    bool result = false;
+    std::string out = CaptureTrace([&] { result = c.RemoveObject(a, 0x00070000u); });
+    EXPECT_TRUE(IsContainerAssertion(out, "0")) << out;
+    EXPECT_TRUE(result);
+    EXPECT_EQ(nullptr, c.LookupObjectPtr(a));
+    EXPECT_EQ(a, c.LookupObjectByHandle(ha)); // its slot is still taken
+
+    // Object not owned: asserts (the handle belongs to b) and returns false.
+    out = CaptureTrace([&] { result = c.RemoveObject(a, hb); });
+    EXPECT_TRUE(IsContainerAssertion(out, "0")) << out;
+    EXPECT_FALSE(result);
+    // b's handle was released by that call though b stays owned.
+    EXPECT_EQ(nullptr, c.LookupObjectByHandle(hb));
+    EXPECT_EQ(b, c.LookupObjectPtr(b));
+
+    // An owned object without any handle asserts "cnt>0" and is still destroyed.
+    out = CaptureTrace([&] { c.DeleteAllObjects(); });
+    EXPECT_TRUE(IsContainerAssertion(out, "cnt>0")) << out;
+    ASSERT_EQ(1u, log.size());
+    EXPECT_EQ(b, log[0]);
+    delete a;
+}
+
+TEST_F(HandleTableTest, NullObjectStopsDeleteAllObjects)
+{
+    std::vector<const Tracked*> log;
+    TrackedContainer c;
+    unsigned int hn = c.AddObject(nullptr);
+    EXPECT_NE(0u, hn);
+    c.AddObject(new Tracked(&log));
+    c.AddObject(new Tracked(&log));
+    std::string out = CaptureTrace([&] { c.DeleteAllObjects(); });
+    EXPECT_EQ("", out);
+    // The null entry was removed, the loop stopped behind it.
+    EXPECT_TRUE(log.empty());
+    EXPECT_FALSE(c.IsEmpty());
+    EXPECT_EQ(nullptr, c.LookupObjectByHandle(hn));
+    c.DeleteAllObjects();
+    EXPECT_EQ(2u, log.size());
+    EXPECT_TRUE(c.IsEmpty());
+}
+
+TEST_F(HandleTableTest, RemoveFirstObjectHandsBackTheLowestWithoutDestroying)
+{
+    std::vector<const Tracked*> log;
+    TrackedContainer c;
+    EXPECT_EQ(nullptr, c.RemoveFirstObject());
+    Tracked* x = new Tracked(&log);
+    Tracked* y = new Tracked(&log);
+    unsigned int hx = c.AddObject(x);
+    unsigned int hy = c.AddObject(y);
+    Tracked* first = c.RemoveFirstObject();
+    EXPECT_EQ(std::min(x, y), first);
+    EXPECT_EQ(nullptr, c.LookupObjectByHandle(first == x ? hx : hy));
+    EXPECT_TRUE(log.empty());
+    delete first;
+    c.DeleteAllObjects();
+    EXPECT_EQ(2u, log.size());
+}

@@ -1,0 +1,170 @@
+// Stopwatch: start discipline, conversions and the failure traces.
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+
+#include <string>
+
+#include "liblinux/LxStopwatch.h"
+#include "libposix/PxTimeUtils.h"
+#include "libposix/PxTrace.h"
+
+namespace {
+
+template <typename F>
+std::string CaptureTrace(F f)
+{
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+    f();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+class StopwatchTest : public ::testing::Test {
+protected:
+    void SetUp() override { TPosixSetTraceMask(KARVEX_TRACE_ERROR); }
+    void TearDown() override { TPosixSetTraceMask(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING); }
+};
+
+const clockid_t kBadClock = static_cast<clockid_t>(0x7FFF);
+
+} // namespace
+
+TEST_F(StopwatchTest, NeverStartedConversionsAreZeroAndSilent)
+{
+    LxStopwatch sw;
+    EXPECT_FALSE(sw.IsStarted());
+    EXPECT_EQ(CLOCK_MONOTONIC, sw.ClockId());
+    std::string out = CaptureTrace([&] {
+        EXPECT_EQ(0, sw.ElapsedSeconds());
+        EXPECT_EQ(0, sw.ElapsedMilliseconds());
+        EXPECT_EQ(0, sw.ElapsedMicroseconds());
+        EXPECT_EQ(0, sw.ElapsedNanoSeconds());
+    });
+    EXPECT_EQ("", out);
+}
+
+TEST_F(StopwatchTest, NeverStartedElapsedTimeIsNotInitialized)
+{
+    LxStopwatch sw;
+    timespec t = {5, 5};
+    std::string out = CaptureTrace([&] { EXPECT_EQ(TSTATUS_NOT_INITIALIZED, sw.ElapsedTime(t)); });
+    EXPECT_EQ(0, t.tv_sec);
+    EXPECT_EQ(0L, t.tv_nsec);
+    EXPECT_EQ("TSTATUS LxStopwatch::ElapsedTime(timespec&) const: not started\n", out);
+}
+
+TEST_F(StopwatchTest, SecondStartIsRefusedAndKeepsTheFirstStartTime)
+{
+    LxStopwatch sw;
+    ASSERT_EQ(TSTATUS_SUCCESS, sw.Start());
+    EXPECT_TRUE(sw.IsStarted());
+    ASSERT_EQ(TSTATUS_SUCCESS, PxSleep(30));
+    std::string out = CaptureTrace([&] { EXPECT_EQ(TSTATUS_ALREADY_DONE, sw.Start()); });
+    EXPECT_EQ("TSTATUS LxStopwatch::Start(): already started\n", out);
+    // Had the second Start restarted the measurement, less than 30 ms would show.
+    EXPECT_GE(sw.ElapsedMilliseconds(), 30);
+}
+
+TEST_F(StopwatchTest, ConversionsTruncateConsistently)
+{
+    LxStopwatch sw;
+    ASSERT_EQ(TSTATUS_SUCCESS, sw.Start());
+    ASSERT_EQ(TSTATUS_SUCCESS, PxSleep(20));
+    // Each later reading is at least the earlier one in the finer unit.
+    long s = sw.ElapsedSeconds();
+    long ms = sw.ElapsedMilliseconds();
+    long us = sw.ElapsedMicroseconds();
+    long ns = sw.ElapsedNanoSeconds();
+    timespec t;
+    ASSERT_EQ(TSTATUS_SUCCESS, sw.ElapsedTime(t));
+    EXPECT_GE(ms, 20);
+    EXPECT_LE(s, ms / 1000);
+    EXPECT_LE(ms, us / 1000);
+    EXPECT_LE(us, ns / 1000);
+    EXPECT_LE(ns, t.tv_sec * 1000000000L + t.tv_nsec);
+    EXPECT_GE(t.tv_nsec, 0L);
+    EXPECT_LT(t.tv_nsec, 1000000000L);
+}
+
+TEST_F(StopwatchTest, ClockReadingBeforeTheStartIsNotPossible)
+{
+    // Started on the real-time clock, read on the monotonic one, which is far
+    // behind it: the difference is negative.
+    LxStopwatch sw;
+    sw.SetClockId(CLOCK_REALTIME);
+    ASSERT_EQ(TSTATUS_SUCCESS, sw.Start());
+    sw.SetClockId(CLOCK_MONOTONIC);
+    timespec t = {1, 1};
+    std::string out = CaptureTrace([&] { EXPECT_EQ(TSTATUS_NOT_POSSIBLE, sw.ElapsedTime(t)); });
+    EXPECT_EQ(0, t.tv_sec);
+    EXPECT_EQ(0L, t.tv_nsec);
+    EXPECT_EQ("TSTATUS LxStopwatch::ElapsedTime(timespec&) const: current time lies before start time\n", out);
+
+    out = CaptureTrace([&] { EXPECT_EQ(0, sw.ElapsedMilliseconds()); });
+    EXPECT_EQ("TSTATUS LxStopwatch::ElapsedTime(timespec&) const: current time lies before start time\n"
+              "long int LxStopwatch::ElapsedMilliseconds() const: ElapsedTime failed, err = 0xE0000031\n",
+              out);
+    out = CaptureTrace([&] {
+        EXPECT_EQ(0, sw.ElapsedSeconds());
+        EXPECT_EQ(0, sw.ElapsedMicroseconds());
+        EXPECT_EQ(0, sw.ElapsedNanoSeconds());
+    });
+    EXPECT_NE(std::string::npos, out.find("long int LxStopwatch::ElapsedSeconds() const: ElapsedTime failed, err = 0xE0000031\n"));
+    EXPECT_NE(std::string::npos, out.find("long int LxStopwatch::ElapsedMicroseconds() const: ElapsedTime failed, err = 0xE0000031\n"));
+    EXPECT_NE(std::string::npos, out.find("long int LxStopwatch::ElapsedNanoSeconds() const: ElapsedTime failed, err = 0xE0000031\n"));
+
+    // With the error class off, the failure is silent but still 0.
+    TPosixSetTraceMask(0);
+    EXPECT_EQ("", CaptureTrace([&] { EXPECT_EQ(0, sw.ElapsedMilliseconds()); }));
+}
+
+TEST_F(StopwatchTest, ClockFailuresBecomeLinuxStatusCodes)
+{
+    LxStopwatch sw;
+    sw.SetClockId(kBadClock);
+    std::string out = CaptureTrace([&] { EXPECT_EQ(TSTATUS_LINUX_EINVAL, sw.Start()); });
+    EXPECT_EQ("TSTATUS LxStopwatch::Start(): clock_gettime failed (22)\n", out);
+    EXPECT_FALSE(sw.IsStarted());
+
+    timespec res = {9, 9};
+    out = CaptureTrace([&] { EXPECT_EQ(TSTATUS_LINUX_EINVAL, sw.ClockResolution(res)); });
+    EXPECT_EQ("TSTATUS LxStopwatch::ClockResolution(timespec&): clock_getres failed (22)\n", out);
+    EXPECT_EQ(0, res.tv_sec);
+    EXPECT_EQ(0L, res.tv_nsec);
+
+    // Started on a good clock, then read on a bad one.
+    LxStopwatch sw2;
+    ASSERT_EQ(TSTATUS_SUCCESS, sw2.Start());
+    sw2.SetClockId(kBadClock);
+    timespec t;
+    out = CaptureTrace([&] { EXPECT_EQ(TSTATUS_LINUX_EINVAL, sw2.ElapsedTime(t)); });
+    EXPECT_EQ("TSTATUS LxStopwatch::ElapsedTime(timespec&) const: clock_gettime failed (22)\n", out);
+    out = CaptureTrace([&] { EXPECT_EQ(0, sw2.ElapsedMilliseconds()); });
+    EXPECT_EQ("TSTATUS LxStopwatch::ElapsedTime(timespec&) const: clock_gettime failed (22)\n"
+              "long int LxStopwatch::ElapsedMilliseconds() const: ElapsedTime failed, err = 0xE0010016\n",
+              out);
+}
+
+TEST_F(StopwatchTest, ClockResolutionWorksWithoutStart)
+{
+    LxStopwatch sw;
+    timespec res = {9, 9};
+    EXPECT_EQ(TSTATUS_SUCCESS, sw.ClockResolution(res));
+    timespec expected;
+    ASSERT_EQ(0, clock_getres(CLOCK_MONOTONIC, &expected));
+    EXPECT_EQ(expected.tv_sec, res.tv_sec);
+    EXPECT_EQ(expected.tv_nsec, res.tv_nsec);
+    EXPECT_FALSE(sw.IsStarted());
+}
+
+TEST_F(StopwatchTest, StopReturnsToNotStarted)
+{
+    LxStopwatch sw;
+    ASSERT_EQ(TSTATUS_SUCCESS, sw.Start());
+    sw.Stop();
+    EXPECT_FALSE(sw.IsStarted());
+    EXPECT_EQ(0, sw.ElapsedMilliseconds());
+    EXPECT_EQ(TSTATUS_SUCCESS, sw.Start());
+}

@@ -1,0 +1,405 @@
+// Trace output: line assembly, hex dumps, masks, assertion reports and the
+// bounds of the line buffer.
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libposix/PxTrace.h"
+#include "libtb/TbDebug.h"
+
+namespace {
+
+template <typename F>
+std::string CaptureTrace(F f)
+{
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+    f();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+class TraceTest : public ::testing::Test {
+protected:
+    void SetUp() override { TPosixSetTraceMask(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING); }
+    void TearDown() override
+    {
+        // A test that left a partial line behind would corrupt the next one.
+        EXPECT_EQ(0u, gTraceLineBufferOffest);
+        TPosixSetTraceMask(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING);
+    }
+};
+
+// The trace mutex must work before this unit's own dynamic initialisation
+// and from any other unit's static initialisers.
+bool gStaticInitLockWorked = [] {
+    gTraceMutex.Lock();
+    bool nested = gTraceMutex.TryLock(); // recursive
+    if (nested)
+        gTraceMutex.Unlock();
+    gTraceMutex.Unlock();
+    tprint("%s", ""); // nothing to print, but takes the mutex
+    return nested;
+}();
+
+} // namespace
+
+TEST_F(TraceTest, MaskDefaultsToErrorsAndWarningsAndIsPlainStoreLoad)
+{
+    EXPECT_TRUE(gStaticInitLockWorked);
+    TPosixSetTraceMask(0x7F);
+    EXPECT_EQ(0x7Fu, TPosixGetTraceMask());
+    EXPECT_EQ(0x7Fu, gTraceMask.load());
+    TPosixSetTraceMask(0);
+    EXPECT_EQ(0u, TPosixGetTraceMask());
+}
+
+TEST_F(TraceTest, LineAssembly)
+{
+    // Text without a newline stays in the buffer and leads the next line.
+    EXPECT_EQ("", CaptureTrace([] { tprint("abc"); }));
+    EXPECT_EQ(3u, gTraceLineBufferOffest);
+    EXPECT_EQ(3u, gCol);
+    EXPECT_EQ("abcdef 5\n", CaptureTrace([] { tprint("def %d\n", 5); }));
+    EXPECT_EQ(0u, gCol);
+
+    // Several lines in one call, and lines continued across calls.
+    EXPECT_EQ("one\ntwo\nthree\n", CaptureTrace([] {
+                  tprint("one\ntwo\nthr");
+                  tprint("ee\n");
+              }));
+    EXPECT_EQ("", CaptureTrace([] { tprint("%s", ""); }));
+    EXPECT_EQ("\n\n", CaptureTrace([] { tprint("\n\n"); }));
+}
+
+TEST_F(TraceTest, WriteStringEmitsPrefixAndLineAndClearsBoth)
+{
+    std::string out = CaptureTrace([] {
+        PxMutexLock lock(gTraceMutex);
+        strcpy(gTracePrefixBuffer, "P: ");
+        OutputString("partial");
+        WriteString();
+        // The write position is the caller's business.
+        EXPECT_EQ(7u, gTraceLineBufferOffest);
+        gTraceLineBufferOffest = 0;
+        gCol = 0;
+    });
+    EXPECT_EQ("P: partial", out);
+    EXPECT_EQ('\0', gTracePrefixBuffer[0]);
+    for (unsigned int i = 0; i < cTraceLineBufferSize; i++)
+        ASSERT_EQ('\0', gTraceLineBuffer[i]) << i;
+    // Cleared prefix: the next line goes out bare.
+    EXPECT_EQ("next\n", CaptureTrace([] { tprint("next\n"); }));
+}
+
+TEST_F(TraceTest, LinePrefixFormat)
+{
+    char buffer[cTracePrefixBufferSize];
+    memset(buffer, 'x', sizeof(buffer));
+    int n = GetLinePrefix(buffer);
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(static_cast<size_t>(n), strlen(buffer));
+    std::string s(buffer);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(s, m, std::regex("([0-9]{9,})\\.([0-9]{9}) (0x[0-9a-f]+): "))) << s;
+    char self[64];
+    snprintf(self, sizeof(self), "%p", reinterpret_cast<void*>(pthread_self()));
+    EXPECT_EQ(std::string(self), m[3].str());
+}
+
+TEST_F(TraceTest, DumpOfSeventeenBytesSixteenPerLine)
+{
+    const char* data = "ABCDEFGHIJKLMNOPQ";
+    std::string expected = "0000: 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 ABCDEFGHIJKLMNOP\n"
+                           "0010: 51 " + std::string(15 * 3, ' ') + "Q" + std::string(15, ' ') + "\n";
+    EXPECT_EQ(expected, CaptureTrace([&] { DumpBytesEx(data, 17, 16); }));
+}
+
+TEST_F(TraceTest, DumpOfThreeBytesFourPerLine)
+{
+    const unsigned char data[] = {0x41, 0x00, 0x7A};
+    EXPECT_EQ("0000: 41 00 7A    A.z \n", CaptureTrace([&] { DumpBytesEx(data, 3, 4); }));
+}
+
+TEST_F(TraceTest, DumpCharacterClasses)
+{
+    // 0x20..0x7F are shown as themselves (DEL included), the rest as '.'.
+    const unsigned char data[] = {0x1F, 0x20, 0x7E, 0x7F, 0x80, 0xFF, 0x09, 0x30};
+    EXPECT_EQ("0000: 1F 20 7E 7F 80 FF 09 30 . ~\x7F...0\n", CaptureTrace([&] { DumpBytesEx(data, 8, 8); }));
+}
+
+TEST_F(TraceTest, DumpEdgeCases)
+{
+    const unsigned char data[] = {0x41, 0x42};
+    EXPECT_EQ("<<NULL ptr>>\n", CaptureTrace([] { DumpBytesEx(nullptr, 5, 16); }));
+    EXPECT_EQ("<<NULL ptr>>\n", CaptureTrace([] { DumpBytesEx(nullptr, 0, 16); }));
+    EXPECT_EQ("<<zero length>>\n", CaptureTrace([&] { DumpBytesEx(data, 0, 16); }));
+    // Zero bytes per line is taken as one.
+    EXPECT_EQ("0000: 41 A\n0001: 42 B\n", CaptureTrace([&] { DumpBytesEx(data, 2, 0); }));
+    // Exactly one full line: no empty second line.
+    EXPECT_EQ("0000: 41 42 AB\n", CaptureTrace([&] { DumpBytesEx(data, 2, 2); }));
+    // A pending partial line is completed by the dump's first line.
+    EXPECT_EQ("rx: 0000: 41 42 AB\n", CaptureTrace([&] {
+                  tprint("rx: ");
+                  DumpBytesEx(data, 2, 2);
+              }));
+}
+
+TEST_F(TraceTest, DumpOffsetWrapsAtSixtyFourKilobytes)
+{
+    std::vector<unsigned char> data(0x10000 + 20, 0x55);
+    std::string out = CaptureTrace([&] { DumpBytesEx(data.data(), static_cast<unsigned int>(data.size()), 16); });
+    std::vector<std::string> lines;
+    size_t pos = 0;
+    while (pos < out.size()) {
+        size_t nl = out.find('\n', pos);
+        ASSERT_NE(std::string::npos, nl);
+        lines.push_back(out.substr(pos, nl - pos));
+        pos = nl + 1;
+    }
+    ASSERT_EQ(4096u + 2u, lines.size());
+    EXPECT_EQ("FFF0: ", lines[4095].substr(0, 6));
+    EXPECT_EQ("0000: ", lines[4096].substr(0, 6));
+    EXPECT_EQ("0010: 55 55 55 55 ", lines[4097].substr(0, 18));
+    for (const std::string& l : lines)
+        ASSERT_EQ(6u + 16u * 3u + 16u, l.size());
+}
+
+TEST_F(TraceTest, DumpWithVeryLongLines)
+{
+    // A line wider than any fixed buffer in the dump still comes out whole.
+    std::vector<unsigned char> data(1000);
+    for (size_t i = 0; i < data.size(); i++)
+        data[i] = static_cast<unsigned char>('a' + i % 26);
+    std::string out = CaptureTrace([&] { DumpBytesEx(data.data(), 1000, 1000); });
+    ASSERT_EQ(6u + 3000u + 1000u + 1u, out.size());
+    EXPECT_EQ("0000: 61 62 63 ", out.substr(0, 15));
+    EXPECT_EQ(std::string(data.begin(), data.end()) + "\n", out.substr(3006));
+}
+
+TEST_F(TraceTest, DumpAndPrintNestInsideTheTraceMutex)
+{
+    const unsigned char data[] = {0x31};
+    std::string out = CaptureTrace([&] {
+        PxMutexLock lock(gTraceMutex);
+        tprint("held\n");
+        DumpBytesEx(data, 1, 1);
+    });
+    EXPECT_EQ("held\n0000: 31 1\n", out);
+}
+
+namespace {
+void VPrintThrough(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    VPrint(format, args);
+    va_end(args);
+}
+void DebugVPrintfThrough(TbDebug::TraceChannel channel, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    TbDebug::DebugVPrintf(channel, format, args);
+    va_end(args);
+}
+} // namespace
+
+TEST_F(TraceTest, VPrintFormatsLikePrintf)
+{
+    EXPECT_EQ("x=0x0000002A s=str c=Z\n", CaptureTrace([] { VPrintThrough("x=0x%08X s=%s c=%c\n", 42u, "str", 'Z'); }));
+}
+
+TEST_F(TraceTest, MessageThatFillsTheFormattingBufferIsPrinted)
+{
+    std::string text(cTraceMessageBufferSize - 2, 'm'); // plus newline plus terminator: exactly full
+    EXPECT_EQ(text + "\n", CaptureTrace([&] { tprint("%s\n", text.c_str()); }));
+}
+
+TEST_F(TraceTest, MessageLongerThanTheFormattingBufferAborts)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    std::string text(cTraceMessageBufferSize, 'm');
+    EXPECT_DEATH(tprint("%s", text.c_str()), "trace message does not fit");
+}
+
+TEST_F(TraceTest, ChannelMapping)
+{
+    using namespace TbDebug;
+    EXPECT_EQ(0x01u, ChannelMask(TrcError));
+    EXPECT_EQ(0x04u, ChannelMask(TrcInfo));
+    EXPECT_EQ(0x08u, ChannelMask(TrcVerbose));
+    EXPECT_EQ(0x08u, ChannelMask(TrcFunction));
+    EXPECT_EQ(0x08u, ChannelMask(TrcDump));
+
+    const TraceChannel channels[] = {TrcError, TrcInfo, TrcVerbose, TrcFunction, TrcDump};
+    const char* names[] = {"E", "I", "V", "F", "D"};
+    auto printAll = [&] {
+        for (int i = 0; i < 5; i++) {
+            DebugPrint(channels[i], "%s", names[i]);
+            DebugVPrintfThrough(channels[i], "%s", names[i]);
+        }
+        tprint("\n");
+    };
+    // Warnings and function entry/exit are out of the wrappers' reach.
+    TPosixSetTraceMask(KARVEX_TRACE_WARNING | KARVEX_TRACE_FUNCTION | KARVEX_TRACE_PROTOCOL | KARVEX_TRACE_PROTODUMP);
+    EXPECT_EQ("\n", CaptureTrace(printAll));
+    TPosixSetTraceMask(KARVEX_TRACE_ERROR);
+    EXPECT_EQ("EE\n", CaptureTrace(printAll));
+    TPosixSetTraceMask(KARVEX_TRACE_INFO);
+    EXPECT_EQ("II\n", CaptureTrace(printAll));
+    TPosixSetTraceMask(KARVEX_TRACE_VERBOSE);
+    EXPECT_EQ("VVFFDD\n", CaptureTrace(printAll));
+}
+
+TEST_F(TraceTest, DebugDumpBytesUsesSixteenPerLineOnTheChannelBit)
+{
+    unsigned char data[17];
+    for (int i = 0; i < 17; i++)
+        data[i] = static_cast<unsigned char>(i);
+    TPosixSetTraceMask(KARVEX_TRACE_ERROR | KARVEX_TRACE_INFO);
+    EXPECT_EQ("", CaptureTrace([&] { TbDebug::DebugDumpBytes(TbDebug::TrcDump, data, 17); }));
+    TPosixSetTraceMask(KARVEX_TRACE_VERBOSE);
+    std::string out = CaptureTrace([&] { TbDebug::DebugDumpBytes(TbDebug::TrcDump, data, 17); });
+    EXPECT_EQ(0u, out.find("0000: 00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F ................\n0010: 10 "));
+}
+
+TEST_F(TraceTest, CheckingAssertionFollowsTheErrorBit)
+{
+    TPosixSetTraceMask(KARVEX_TRACE_ERROR);
+    EXPECT_EQ("\nASSERTION FAILED: (x>0)\n  some/file.cpp(42)\n",
+              CaptureTrace([] { TbDebug::AssertFailed("x>0", "some/file.cpp", 42); }));
+    TPosixSetTraceMask(0x7E);
+    EXPECT_EQ("", CaptureTrace([] { TbDebug::AssertFailed("x>0", "some/file.cpp", 42); }));
+    TPosixSetTraceMask(0);
+    EXPECT_EQ("", CaptureTrace([] { TbDebug::AssertFailed("x>0", "some/file.cpp", 42); }));
+}
+
+TEST_F(TraceTest, FatalAssertionIgnoresTheMask)
+{
+    for (unsigned int mask : {0u, 1u, 0x7Fu}) {
+        TPosixSetTraceMask(mask);
+        EXPECT_EQ("\nFATAL: ASSERTION FAILED: (IsOpen())\n  a.cpp(7)\n",
+                  CaptureTrace([] { TbDebug::FatalAssertFailed("IsOpen()", "a.cpp", 7); }));
+    }
+}
+
+TEST_F(TraceTest, AssertionMacrosReportSourceTextAndContinue)
+{
+    TPosixSetTraceMask(0);
+    int reached = 0;
+    unsigned int line = 0;
+    std::string out = CaptureTrace([&] {
+        TB_ASSERT(1 == 2);
+        reached++;
+        line = __LINE__ + 1;
+        TB_FATAL_ASSERT(reached == 5);
+        reached++;
+        TB_FATAL_ASSERT(reached == 2); // holds: silent
+    });
+    EXPECT_EQ(2, reached);
+    EXPECT_EQ("\nFATAL: ASSERTION FAILED: (reached == 5)\n  tests/unit/trace.cpp(" + std::to_string(line) + ")\n",
+              out);
+
+    TPosixSetTraceMask(KARVEX_TRACE_ERROR);
+    out = CaptureTrace([&] {
+        line = __LINE__ + 1;
+        TB_ASSERT(reached < 0);
+    });
+    EXPECT_EQ("\nASSERTION FAILED: (reached < 0)\n  tests/unit/trace.cpp(" + std::to_string(line) + ")\n", out);
+}
+
+namespace {
+void TraceFromHere(int v)
+{
+    PXTRACE_WARN("%s: value %d\n", v);
+}
+} // namespace
+
+TEST_F(TraceTest, TraceMacroTestsItsBitAndNamesTheFunction)
+{
+    TPosixSetTraceMask(KARVEX_TRACE_ERROR);
+    EXPECT_EQ("", CaptureTrace([] { TraceFromHere(1); }));
+    TPosixSetTraceMask(KARVEX_TRACE_WARNING);
+    EXPECT_EQ("void {anonymous}::TraceFromHere(int): value 2\n", CaptureTrace([] { TraceFromHere(2); }));
+}
+
+// Lines longer than the line buffer: everything is emitted, in order, and no
+// write leaves the buffer (this test is meant to run under ASan as well).
+class OverlongLineTest : public TraceTest, public ::testing::WithParamInterface<unsigned int> {};
+
+TEST_P(OverlongLineTest, EveryCharacterIsEmittedInOrder)
+{
+    const unsigned int length = GetParam();
+    std::string text;
+    for (unsigned int i = 0; i < length; i++)
+        text.push_back(static_cast<char>('A' + i % 26));
+    std::string out = CaptureTrace([&] {
+        for (unsigned int pos = 0; pos < length; pos += 1000)
+            tprint("%s", text.substr(pos, 1000).c_str());
+        // Whatever is pending, the terminator after it is still in the buffer.
+        EXPECT_LT(gTraceLineBufferOffest, cTraceLineBufferSize);
+        EXPECT_EQ('\0', gTraceLineBuffer[cTraceLineBufferSize - 1]);
+        tprint("\n");
+    });
+    EXPECT_EQ(text + "\n", out);
+    EXPECT_EQ(0u, gTraceLineBufferOffest);
+    EXPECT_EQ(0u, gCol);
+}
+
+// 4094: the newline lands on the last but one element; 4095: on the last one.
+INSTANTIATE_TEST_SUITE_P(Lengths, OverlongLineTest, ::testing::Values(4094u, 4095u, 4096u, 4097u, 8190u, 8191u, 10000u));
+
+TEST_F(TraceTest, ConcurrentLinesNeverInterleave)
+{
+    const int threads = 4;
+    const int linesPerThread = 200;
+    std::string out = CaptureTrace([&] {
+        std::vector<std::thread> workers;
+        for (int t = 0; t < threads; t++) {
+            workers.emplace_back([t] {
+                const unsigned char data[4] = {static_cast<unsigned char>('a' + t), 'b', 'c', 'd'};
+                for (int i = 0; i < linesPerThread; i++) {
+                    tprint("thread %d line %d %s\n", t, i, "payload-payload-payload");
+                    DumpBytesEx(data, 4, 2);
+                }
+            });
+        }
+        for (std::thread& w : workers)
+            w.join();
+    });
+    std::vector<std::string> lines;
+    size_t pos = 0;
+    while (pos < out.size()) {
+        size_t nl = out.find('\n', pos);
+        ASSERT_NE(std::string::npos, nl);
+        lines.push_back(out.substr(pos, nl - pos));
+        pos = nl + 1;
+    }
+    ASSERT_EQ(static_cast<size_t>(threads * linesPerThread * 3), lines.size());
+    std::multiset<std::string> seen(lines.begin(), lines.end());
+    for (int t = 0; t < threads; t++) {
+        for (int i = 0; i < linesPerThread; i++) {
+            std::string line = "thread " + std::to_string(t) + " line " + std::to_string(i) + " payload-payload-payload";
+            ASSERT_EQ(1u, seen.count(line)) << line;
+        }
+        char first[32];
+        snprintf(first, sizeof(first), "0000: %02X 62 %cb", 'a' + t, 'a' + t);
+        EXPECT_EQ(static_cast<size_t>(linesPerThread), seen.count(first)) << first;
+    }
+    // A dump is written under one lock: its two lines are always adjacent.
+    for (size_t i = 0; i < lines.size(); i++) {
+        if (lines[i].compare(0, 6, "0000: ") == 0) {
+            ASSERT_LT(i + 1, lines.size());
+            ASSERT_EQ("0002: 63 64 cd", lines[i + 1]) << i;
+        }
+    }
+}
