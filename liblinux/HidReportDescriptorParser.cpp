@@ -104,7 +104,7 @@ bool HidReportDescriptorParser::Parse()
 
     // Positions are offsets, so that a length announced by the descriptor
     // never forms a pointer beyond the buffer.
-    const size_t size = static_cast<size_t>(mDescriptorBufferLimit - mDescriptorBuffer);
+    const size_t size = mDescriptorSize;
     size_t pos = 0;
     for (;;) {
         const T_UINT8 prefix = mDescriptorBuffer[pos];

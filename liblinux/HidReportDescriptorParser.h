@@ -54,7 +54,7 @@ public:
 
     // Usage Minimum/Maximum ranges are handed to AddUsage only up to this many
     // usages per Usage Maximum item; see ParseLocalItem.
-    static const T_UINT32 cMaxUsagesPerRange = 256;
+    static constexpr T_UINT32 cMaxUsagesPerRange = 256;
 
 private:
     // data points at four readable bytes (zero-padded past the descriptor's end).

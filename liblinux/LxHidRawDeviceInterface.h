@@ -55,7 +55,7 @@ public:
     TSTATUS IoctlGetRawName(char* buffer, unsigned length);
     TSTATUS IoctlGetPhysicalLocation(char* buffer, unsigned length);
 
-    static const unsigned cSerialNumberStrSize = 128;
+    static constexpr unsigned cSerialNumberStrSize = 128;
 
 private:
     void ResetMembers();

@@ -95,7 +95,10 @@ bool LxPnPNotificator::IsStarted()
 
 bool LxPnPNotificator::IsNotificationThread()
 {
-    return mThread.IsCurrentThread();
+    // Answered from an id the thread records itself, so that any thread may
+    // ask at any time without racing Start and Stop.
+    const unsigned long id = mThreadId.load();
+    return id != 0 && pthread_equal(static_cast<pthread_t>(id), pthread_self()) != 0;
 }
 
 bool LxPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& /*device*/, LxPnPNotificatorAction /*action*/)
@@ -105,6 +108,11 @@ bool LxPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& /*device*/, LxPnPNot
 
 void* LxPnPNotificator::ThreadCallback()
 {
+    mThreadId = static_cast<unsigned long>(pthread_self());
+    struct ClearId {
+        std::atomic<unsigned long>& id;
+        ~ClearId() { id = 0; }
+    } clearId{mThreadId};
     for (;;) {
         if (mTerminate)
             return nullptr;

@@ -61,6 +61,8 @@ protected:
     bool mStarted;
     // Written by Stop, read by the monitor thread after each wake-up.
     std::atomic<bool> mTerminate;
+    // pthread_t of the running monitor thread, 0 when none runs.
+    std::atomic<unsigned long> mThreadId{0};
     // Not owned. Set by Start before the thread exists, cleared by Stop after
     // it has been joined, so the thread reads it without a lock.
     LxPnPNotificatorCallbackInterface* mCallback;

@@ -1,0 +1,377 @@
+// Pin event dispatch of the device object: the pin event thread, its queue,
+// re-registration, overrun, bad events, throwing callbacks and Close while a
+// callback runs.
+#include "support/device_fixture.h"
+
+#include <atomic>
+#include <stdexcept>
+
+using namespace device_test;
+
+namespace {
+
+struct Event {
+    unsigned pin;
+    KARVEX_GPIOState state;
+    std::thread::id thread;
+};
+
+// Context of the test callback: records every delivered event; an optional
+// hook runs first and may block or throw.
+struct Sink {
+    Recorder<Event> events;
+    Recorder<unsigned> entered;
+    std::function<void(unsigned pin)> hook;
+
+    std::vector<unsigned> Pins()
+    {
+        std::vector<unsigned> pins;
+        for (const Event& e : events.Items())
+            pins.push_back(e.pin);
+        return pins;
+    }
+};
+
+void SinkCallback(void* context, unsigned int pinId, KARVEX_GPIOState state)
+{
+    Sink* sink = static_cast<Sink*>(context);
+    sink->entered.Add(pinId);
+    if (sink->hook)
+        sink->hook(pinId);
+    sink->events.Add(Event{pinId, state, std::this_thread::get_id()});
+}
+
+class DeviceEventTest : public DeviceTest {
+protected:
+    // A command round trip: the reader thread handles input reports in
+    // order, so every event sent before has been sorted when this returns.
+    static void Sync(KarvexDevice& device)
+    {
+        KARVEX_GPIOMode mode;
+        EXPECT_EQ(TSTATUS_SUCCESS, device.GetPinMode(0, mode));
+    }
+};
+
+TEST_F(DeviceEventTest, CallbackRunsOnThePinEventThread)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    ASSERT_EQ(TSTATUS_SUCCESS, device.SetPinMode(4, GPIOMode_InputEvent));
+    adapter.firmware->SetInputLevel(4, true);
+    ASSERT_TRUE(sink.events.WaitForCount(1));
+    Event first = sink.events.Items()[0];
+    EXPECT_EQ(4u, first.pin);
+    EXPECT_EQ(GPIOState_High, first.state);
+    EXPECT_NE(std::this_thread::get_id(), first.thread);
+
+    // Not the reader thread either: while the callback is held, commands are
+    // still answered.
+    Gate gate;
+    sink.hook = [&](unsigned pin) {
+        if (pin == 0x01020304u)
+            gate.Pass();
+    };
+    adapter.firmware->SendPinEvent(0x01020304u, 0);
+    ASSERT_TRUE(sink.entered.WaitForCount(2));
+    KARVEX_GPIOState state = GPIOState_Low;
+    EXPECT_EQ(TSTATUS_SUCCESS, device.GetPinState(4, state));
+    EXPECT_EQ(GPIOState_High, state);
+    gate.Open();
+    ASSERT_TRUE(sink.events.WaitForCount(2));
+    Event second = sink.events.Items()[1];
+    EXPECT_EQ(0x01020304u, second.pin) << "32-bit little-endian pin ID";
+    EXPECT_EQ(GPIOState_Low, second.state);
+    EXPECT_EQ(first.thread, second.thread);
+}
+
+TEST_F(DeviceEventTest, EventWithUnknownStateIsSkipped)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
+        adapter.firmware->SendPinEvent(3, 2);
+        adapter.firmware->SendPinEvent(3, 0);
+        ASSERT_TRUE(sink.events.WaitForCount(1));
+    });
+    EXPECT_EQ(kSigPinThread + ": ignore pin event with unknown pin state 2\n", trace);
+    ASSERT_EQ(1u, sink.events.Size());
+    EXPECT_EQ(3u, sink.events.Items()[0].pin);
+    EXPECT_EQ(GPIOState_Low, sink.events.Items()[0].state);
+}
+
+// An event whose length is not 16 is skipped by the pin event thread; one
+// that claims more bytes than the report holds never gets past the reader.
+TEST_F(DeviceEventTest, EventWithInvalidLengthIsSkipped)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
+        adapter.hid->InjectInputReport(RawMessage(THID_EVT_PIN_STATE_CHANGED, 12, 0, PinStatePayload(5, 1)));
+        adapter.hid->InjectInputReport(RawMessage(THID_EVT_PIN_STATE_CHANGED, 20, 0, PinStatePayload(5, 1)));
+        adapter.hid->InjectInputReport(RawMessage(THID_EVT_PIN_STATE_CHANGED, 400, 0, PinStatePayload(5, 1)));
+        adapter.hid->InjectInputReport(RawMessage(THID_EVT_PIN_STATE_CHANGED, 16, 0, PinStatePayload(6, 1)));
+        ASSERT_TRUE(sink.events.WaitForCount(1));
+    });
+    EXPECT_EQ(1u, CountOf(trace, kSigPinThread + ": Ignore pin event with invalid length 12, exp. 16\n")) << trace;
+    EXPECT_EQ(1u, CountOf(trace, kSigPinThread + ": Ignore pin event with invalid length 20, exp. 16\n")) << trace;
+    EXPECT_EQ(1u, CountOf(trace, kSigProcess + ": unexpected bytes transferred 320, exp. min. 400\n")) << trace;
+    EXPECT_EQ(3u, LineCount(trace)) << trace;
+    EXPECT_EQ(std::vector<unsigned>{6}, sink.Pins());
+}
+
+TEST_F(DeviceEventTest, ThrowingCallbackIsReportedAndLaterEventsArrive)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    sink.hook = [](unsigned pin) {
+        if (pin == 1)
+            throw std::runtime_error("application bug");
+        if (pin == 3)
+            throw 42;
+    };
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        for (unsigned pin : {1, 2, 3, 2, 1, 4})
+            adapter.firmware->SendPinEvent(pin, 1);
+        ASSERT_TRUE(sink.events.WaitForCount(3));
+    });
+    EXPECT_EQ(3u, CountOf(trace, kSigPinThread + ": FATAL: Uncaught exception in pin event callback\n")) << trace;
+    EXPECT_EQ(3u, LineCount(trace)) << trace;
+    EXPECT_EQ((std::vector<unsigned>{2, 2, 4}), sink.Pins());
+}
+
+TEST_F(DeviceEventTest, EventsWithoutCallbackAreDropped)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
+        adapter.firmware->SendPinEvent(6, 1);
+        Sync(device);
+    });
+    EXPECT_EQ(kSigProcess + ": Ignore pin event, no callback registered\n", trace);
+
+    // It was never queued: the first event after registering is the first delivered.
+    Sink sink;
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    adapter.firmware->SendPinEvent(7, 0);
+    ASSERT_TRUE(sink.events.WaitForCount(1));
+    EXPECT_EQ(std::vector<unsigned>{7}, sink.Pins());
+
+    // Registering null stops delivery again.
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(nullptr, nullptr));
+    trace = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
+        adapter.firmware->SendPinEvent(8, 1);
+        Sync(device);
+    });
+    EXPECT_EQ(kSigProcess + ": Ignore pin event, no callback registered\n", trace);
+    EXPECT_EQ(std::vector<unsigned>{7}, sink.Pins());
+}
+
+// Re-registering (even the same callback) restarts the pin event thread;
+// events queued but not yet delivered are dropped with the old queue.
+TEST_F(DeviceEventTest, ReRegistrationDropsQueuedEvents)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    Gate gate;
+    sink.hook = [&](unsigned pin) {
+        if (pin == 21)
+            gate.Pass();
+    };
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    adapter.firmware->SendPinEvent(21, 1);
+    ASSERT_TRUE(sink.entered.WaitForCount(1));
+    adapter.firmware->SendPinEvent(22, 1);
+    adapter.firmware->SendPinEvent(23, 1);
+    Sync(device);
+
+    std::atomic<TSTATUS> result{TSTATUS_FAILED};
+    std::atomic<bool> done{false};
+    std::thread registrar([&] {
+        result = device.RegisterPinEventCallback(SinkCallback, &sink);
+        done = true;
+    });
+    // The registration waits for the running callback.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(done.load());
+    gate.Open();
+    registrar.join();
+    EXPECT_EQ(TSTATUS_SUCCESS, result.load());
+
+    adapter.firmware->SendPinEvent(24, 0);
+    ASSERT_TRUE(sink.events.WaitForCount(2));
+    Sync(device);
+    EXPECT_EQ((std::vector<unsigned>{21, 24}), sink.Pins());
+}
+
+// Ten slots: with the callback held on one event, eleven more overwrite the
+// oldest queued one, and the overrun is traced once.
+TEST_F(DeviceEventTest, OverrunDropsTheOldestEventOnce)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    Gate gate;
+    sink.hook = [&](unsigned pin) {
+        if (pin == 100)
+            gate.Pass();
+    };
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    adapter.firmware->SendPinEvent(100, 1);
+    ASSERT_TRUE(sink.entered.WaitForCount(1));
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        for (unsigned i = 1; i <= 11; ++i)
+            adapter.firmware->SendPinEvent(100 + i, i & 1);
+        Sync(device);
+    });
+    EXPECT_EQ(kSigProcess + ": Event Queue overrun occurred\n", trace);
+    gate.Open();
+    ASSERT_TRUE(sink.events.WaitForCount(11));
+    std::vector<unsigned> expected = {100};
+    for (unsigned i = 2; i <= 11; ++i)
+        expected.push_back(100 + i);
+    EXPECT_EQ(expected, sink.Pins());
+    const auto events = sink.events.Items();
+    EXPECT_EQ(GPIOState_Low, events[1].state);  // 102
+    EXPECT_EQ(GPIOState_High, events[2].state); // 103
+}
+
+TEST_F(DeviceEventTest, CloseWaitsForARunningCallback)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    Gate gate;
+    std::atomic<bool> callbackReturned{false};
+    sink.hook = [&](unsigned) {
+        gate.Pass();
+        callbackReturned = true;
+    };
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    adapter.firmware->SendPinEvent(9, 1);
+    ASSERT_TRUE(sink.entered.WaitForCount(1));
+
+    std::atomic<bool> closed{false};
+    std::atomic<bool> returnedBeforeClose{false};
+    std::thread closer([&] {
+        device.Close();
+        returnedBeforeClose = callbackReturned.load();
+        closed = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(closed.load()) << "Close returned while the callback was still running";
+    gate.Open();
+    closer.join();
+    EXPECT_TRUE(returnedBeforeClose.load());
+    EXPECT_FALSE(device.IsOpen());
+}
+
+// Close stops the pin event thread before it takes the device mutex and
+// before it stops the reader: a callback that runs a command meanwhile (under
+// the device mutex, as the API object does) gets its answer.
+TEST_F(DeviceEventTest, CallbackCommandCompletesWhileCloseWaits)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    Gate gate;
+    std::atomic<TSTATUS> inner{TSTATUS_FAILED};
+    sink.hook = [&](unsigned) {
+        gate.Pass();
+        PxMutexLock lock(device.mMutex);
+        KARVEX_GPIOMode mode;
+        inner = device.GetPinMode(1, mode);
+    };
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    adapter.firmware->SendPinEvent(9, 1);
+    ASSERT_TRUE(sink.entered.WaitForCount(1));
+    std::thread closer([&] { device.Close(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    gate.Open();
+    closer.join();
+    EXPECT_EQ(TSTATUS_SUCCESS, inner.load());
+    EXPECT_FALSE(device.IsOpen());
+}
+
+// A callback cannot stop the thread it runs on: re-registering or closing its
+// own device from inside it is refused and changes nothing.
+TEST_F(DeviceEventTest, CallbackCannotReRegisterOrCloseItsDevice)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    std::atomic<TSTATUS> inner{TSTATUS_SUCCESS};
+    sink.hook = [&](unsigned pin) {
+        if (pin == 1)
+            inner = device.RegisterPinEventCallback(nullptr, nullptr);
+        if (pin == 2)
+            device.Close();
+    };
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        adapter.firmware->SendPinEvent(1, 1);
+        adapter.firmware->SendPinEvent(2, 1);
+        adapter.firmware->SendPinEvent(3, 1);
+        ASSERT_TRUE(sink.events.WaitForCount(3));
+    });
+    EXPECT_EQ(TSTATUS_NOT_ALLOWED, inner.load());
+    EXPECT_EQ(1u, CountOf(trace, kSigRegister + ": not allowed from inside the pin event callback\n")) << trace;
+    EXPECT_EQ(1u, CountOf(trace, "void KarvexDevice::Close(): not allowed from inside the pin event callback\n"))
+        << trace;
+    EXPECT_EQ(2u, LineCount(trace)) << trace;
+    EXPECT_TRUE(device.IsOpen());
+    EXPECT_EQ((std::vector<unsigned>{1, 2, 3}), sink.Pins());
+    Sync(device);
+}
+
+// A restarted pin event thread must wait for events, not spin on a wake-up
+// left over from the stop of its predecessor.
+TEST_F(DeviceEventTest, RestartedPinEventThreadIsIdle)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    const double cpuStart = ProcessCpuMs();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_LT(ProcessCpuMs() - cpuStart, 100.0) << "a thread spins while the device is idle";
+    adapter.firmware->SendPinEvent(5, 1);
+    ASSERT_TRUE(sink.events.WaitForCount(1));
+    EXPECT_EQ(std::vector<unsigned>{5}, sink.Pins());
+}
+
+// Events keep flowing while the callback is replaced again and again; no
+// event may land in a queue that is being freed.
+TEST_F(DeviceEventTest, ReRegisteringUnderAnEventStream)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    std::atomic<bool> stop{false};
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        std::thread sender([&] {
+            while (!stop.load()) {
+                adapter.firmware->SendPinEventBurst(2, 4);
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            }
+        });
+        for (int i = 0; i < 200; ++i)
+            EXPECT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+        stop = true;
+        sender.join();
+        Sync(device);
+    });
+    EXPECT_EQ(0u, CountOf(trace, "ASSERTION")) << trace.substr(0, 800);
+}
+
+} // namespace

@@ -1,0 +1,311 @@
+// Opening and closing the device object against emulated adapters: the
+// protocol version exchange, report length checks, repeated open and close,
+// the queries, and an adapter that is unplugged while open.
+#include "support/device_fixture.h"
+
+#include <cstring>
+
+using namespace device_test;
+
+namespace {
+
+class DeviceOpenTest : public DeviceTest {};
+
+TEST_F(DeviceOpenTest, OpenAsksForTheProtocolVersionOnceAndAnswersQueries)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = NewDevice();
+    EXPECT_FALSE(device.IsOpen());
+    ASSERT_EQ(TSTATUS_SUCCESS, OpenDevice(device, adapter));
+    EXPECT_TRUE(device.IsOpen());
+
+    const auto commands = adapter.Commands();
+    ASSERT_EQ(1u, commands.size());
+    EXPECT_EQ(THID_CMD_GET_PROTOCOL_VERSION, MsgCode(commands[0]));
+    EXPECT_EQ(8u, MsgLength(commands[0]));
+    EXPECT_EQ(1u, MsgId(commands[0]));
+    EXPECT_EQ(0u, commands[0][4]) << "status byte of a command";
+
+    unsigned vid = 0, pid = 0, rev = 0;
+    EXPECT_EQ(TSTATUS_SUCCESS, device.GetDeviceUsbInfo(&vid, &pid, &rev));
+    EXPECT_EQ(0x1209u, vid);
+    EXPECT_EQ(0x7A01u, pid);
+    EXPECT_EQ(0x0100u, rev);
+    // Null pointers are skipped.
+    EXPECT_EQ(TSTATUS_SUCCESS, device.GetDeviceUsbInfo(nullptr, &pid, nullptr));
+
+    char serial[16];
+    EXPECT_EQ(TSTATUS_SUCCESS, device.GetDeviceSerialNumber(serial, sizeof(serial)));
+    EXPECT_STREQ("KVX000001", serial);
+    EXPECT_EQ(TSTATUS_SUCCESS, device.CheckDeviceConnection());
+
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        char small[9];
+        EXPECT_EQ(TSTATUS_BUFFER_TOO_SMALL, device.GetDeviceSerialNumber(small, sizeof(small)));
+    });
+    EXPECT_NE(std::string::npos,
+              trace.find("TSTATUS KarvexDevice::GetDeviceSerialNumber(T_UNICHAR*, unsigned int): "
+                         "GetSerialNumberString failed, err = 0xE0000074\n"))
+        << trace;
+}
+
+TEST_F(DeviceOpenTest, SerialNumberNotSupportedIsInformationOnly)
+{
+    kemu::EmuHidDeviceConfig config = kemu::AdapterConfig();
+    config.serial.reset();
+    Adapter& adapter = AddAdapter(config);
+    KarvexDevice& device = OpenedDevice(adapter);
+    char serial[32];
+    std::string errors = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
+        EXPECT_EQ(TSTATUS_NOT_SUPPORTED, device.GetDeviceSerialNumber(serial, sizeof(serial)));
+    });
+    EXPECT_EQ("", errors);
+    std::string info = CaptureTrace(KARVEX_TRACE_INFO, [&] {
+        EXPECT_EQ(TSTATUS_NOT_SUPPORTED, device.GetDeviceSerialNumber(serial, sizeof(serial)));
+    });
+    EXPECT_EQ("TSTATUS KarvexDevice::GetDeviceSerialNumber(T_UNICHAR*, unsigned int): "
+              "Serial number string not supported by the device\n",
+              info);
+}
+
+// Any 1.xx adapter is accepted; the minor number is not compared. A refused
+// adapter is closed again, and the same object can open another one.
+TEST_F(DeviceOpenTest, ProtocolVersionMajorMustBeOne)
+{
+    KarvexDevice device;
+    {
+        Adapter& adapter = AddAdapter();
+        adapter.firmware->SetProtocolVersion(1, 37);
+        EXPECT_EQ(TSTATUS_SUCCESS, OpenDevice(device, adapter));
+        device.Close();
+    }
+    struct Case {
+        std::uint8_t major, minor;
+        const char* text;
+    } cases[] = {{2, 0, "2.00"}, {0, 99, "0.99"}, {255, 5, "255.05"}};
+    for (const Case& c : cases) {
+        Adapter& adapter = AddAdapter();
+        adapter.firmware->SetProtocolVersion(c.major, c.minor);
+        TSTATUS st = TSTATUS_SUCCESS;
+        std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = OpenDevice(device, adapter); });
+        EXPECT_EQ(TSTATUS_INCOMPATIBLE_PROTOCOL_VERSION, st) << c.text;
+        EXPECT_EQ(kSigOpen + ": Protocol version " + c.text + " is incompatible with expected version 1.00\n", trace);
+        EXPECT_FALSE(device.IsOpen());
+        EXPECT_EQ(1u, adapter.firmware->CommandCount());
+        // Refused means closed: nothing can be sent any more.
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.SetPinState(1, GPIOState_High));
+        EXPECT_EQ(1u, adapter.firmware->CommandCount());
+    }
+    Adapter& adapter = AddAdapter();
+    EXPECT_EQ(TSTATUS_SUCCESS, OpenDevice(device, adapter));
+}
+
+// The version answer goes through the same checks as every response:
+// status, then code, then length.
+TEST_F(DeviceOpenTest, BadVersionAnswerFailsOpen)
+{
+    struct Case {
+        kemu::EmuAdapterFirmware::Faults faults;
+        TSTATUS expected;
+        std::string line;
+    };
+    std::vector<Case> cases;
+    {
+        kemu::EmuAdapterFirmware::Faults f;
+        f.status = 0x05;
+        f.wrongCode = 0x80;
+        f.lengthOverride = 8;
+        cases.push_back({f, static_cast<TSTATUS>(0xE0001105u), "Failure response received, st = 0x05\n"});
+    }
+    {
+        kemu::EmuAdapterFirmware::Faults f;
+        f.wrongCode = 0x80;
+        f.lengthOverride = 8;
+        cases.push_back({f, TSTATUS_UNEXPECTED_DEVICE_RESPONSE, "unexpected response code 0x80, exp. 0x81\n"});
+    }
+    {
+        kemu::EmuAdapterFirmware::Faults f;
+        f.lengthOverride = 16;
+        cases.push_back({f, TSTATUS_LENGTH_MISMATCH, "unexpected length 16, exp. 10\n"});
+    }
+    for (const Case& c : cases) {
+        Adapter& adapter = AddAdapter();
+        adapter.firmware->SetOneShotFaults(THID_CMD_GET_PROTOCOL_VERSION, c.faults);
+        KarvexDevice device;
+        TSTATUS st = TSTATUS_SUCCESS;
+        std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = OpenDevice(device, adapter); });
+        EXPECT_EQ(c.expected, st) << TStatusStringA(st);
+        EXPECT_FALSE(device.IsOpen());
+        char failed[96];
+        snprintf(failed, sizeof(failed), ": GetProtocolVersion failed, err = 0x%08X\n",
+                 static_cast<unsigned>(c.expected));
+        EXPECT_EQ(kSigGetProtocolVersion + ": " + c.line + kSigOpen + failed, trace);
+    }
+}
+
+TEST_F(DeviceOpenTest, SixtyFourByteAdapterIsRefusedBeforeAnythingIsSent)
+{
+    Adapter& adapter = AddAdapter(kemu::Adapter64Config());
+    KarvexDevice device;
+    TSTATUS st = TSTATUS_SUCCESS;
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = OpenDevice(device, adapter); });
+    EXPECT_EQ(TSTATUS_INVALID_REPORT_LENGTH, st);
+    EXPECT_EQ(kSigOpen + ": Invalid input report length 63, min. 320\n", trace);
+    EXPECT_FALSE(device.IsOpen());
+    EXPECT_EQ(0u, adapter.firmware->CommandCount());
+    EXPECT_EQ(0u, adapter.hid->WriteCount());
+}
+
+TEST_F(DeviceOpenTest, OpenTwiceKeepsTheFirstOpen)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    TSTATUS st = TSTATUS_SUCCESS;
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = OpenDevice(device, adapter); });
+    EXPECT_EQ(TSTATUS_ALREADY_OPEN, st);
+    EXPECT_EQ(kSigOpen + ": already open\n", trace);
+    EXPECT_TRUE(device.IsOpen());
+    EXPECT_EQ(1u, adapter.firmware->CommandCount()) << "the second open sent nothing";
+    EXPECT_EQ(TSTATUS_SUCCESS, device.SetPinState(1, GPIOState_High));
+}
+
+TEST_F(DeviceOpenTest, IndexOutsideTheEnumerationFails)
+{
+    Adapter& adapter = AddAdapter();
+    (void)IndexOf(adapter);
+    KarvexDevice device;
+    TSTATUS st = TSTATUS_SUCCESS;
+    std::string trace =
+        CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = device.Open(mEnumerator, mEnumerator.DeviceCount()); });
+    EXPECT_EQ(TSTATUS_INVALID_PARAMETER, st);
+    EXPECT_EQ(1u, CountOf(trace, kSigOpen + ": OpenHidRawDevice failed, err = 0xE0000041\n")) << trace;
+    EXPECT_FALSE(device.IsOpen());
+}
+
+TEST_F(DeviceOpenTest, EveryOperationOnAClosedDeviceSaysNotOpened)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice device;
+    ASSERT_EQ(TSTATUS_SUCCESS, OpenDevice(device, adapter));
+    device.Close();
+    device.Close(); // harmless
+    EXPECT_FALSE(device.IsOpen());
+    const size_t sent = adapter.firmware->CommandCount();
+
+    KARVEX_GPIOState state = GPIOState_High;
+    KARVEX_GPIOMode mode = GPIOMode_Output_High;
+    unsigned vid = 7;
+    char serial[32];
+    unsigned char data[4] = {1, 2, 3, 4};
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.SetPinMode(1, GPIOMode_Input));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.SetPinState(1, GPIOState_High));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.GetPinState(1, state));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.GetPinMode(1, mode));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.I2cTransaction(0, 100, kEepromAddress, data, 1, data, 1, 100));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.RegisterPinEventCallback(nullptr, nullptr));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.CheckDeviceConnection());
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.GetDeviceUsbInfo(&vid, nullptr, nullptr));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, device.GetDeviceSerialNumber(serial, sizeof(serial)));
+    });
+    EXPECT_EQ(9u, CountOf(trace, ": not opened\n")) << trace;
+    EXPECT_EQ(9u, LineCount(trace)) << trace;
+    EXPECT_EQ(1u, CountOf(trace, kSigSetPinMode + ": not opened\n"));
+    EXPECT_EQ(1u, CountOf(trace, kSigI2c + ": not opened\n"));
+    EXPECT_EQ(7u, vid) << "outputs of a refused query stay untouched";
+    EXPECT_EQ(sent, adapter.firmware->CommandCount());
+
+    // Closing a device that was never opened is harmless as well.
+    KarvexDevice never;
+    std::string quiet = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
+        never.Close();
+        never.Close();
+    });
+    EXPECT_EQ("", quiet);
+}
+
+// Close leaves the response queue's event set to release a waiting command;
+// the reopened object must not find it still set and spin through its waits.
+TEST_F(DeviceOpenTest, ReopenedDeviceWaitsQuietly)
+{
+    Adapter& first = AddAdapter();
+    KarvexDevice& device = OpenedDevice(first);
+    device.Close();
+    Adapter& second = AddAdapter();
+    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
+        ASSERT_EQ(TSTATUS_SUCCESS, OpenDevice(device, second));
+        // An answer that takes a while: the command waits for it.
+        kemu::EmuAdapterFirmware::Faults slow;
+        slow.delayMs = 150;
+        second.firmware->SetOneShotFaults(THID_CMD_GET_PIN_MODE, slow);
+        const double cpuBefore = ProcessCpuMs();
+        KARVEX_GPIOMode mode;
+        EXPECT_EQ(TSTATUS_SUCCESS, device.GetPinMode(2, mode));
+        EXPECT_LT(ProcessCpuMs() - cpuBefore, 100.0) << "the wait spun";
+    });
+    EXPECT_EQ("", trace.substr(0, 400));
+
+    // Unique IDs go on where the first open left them.
+    ASSERT_EQ(1u, first.Commands().size());
+    EXPECT_EQ(1u, MsgId(first.Commands()[0]));
+    const auto commands = second.Commands();
+    ASSERT_EQ(2u, commands.size());
+    EXPECT_EQ(2u, MsgId(commands[0]));
+    EXPECT_EQ(3u, MsgId(commands[1]));
+}
+
+// The version request of an adapter that numbers its reports: the answer is
+// read with the report ID in byte 0 and the message behind it.
+TEST_F(DeviceOpenTest, NumberedReportsAreReadBehindTheirId)
+{
+    Adapter& adapter = AddAdapter(kemu::NumberedAdapterConfig());
+    KarvexDevice& device = OpenedDevice(adapter);
+    KARVEX_GPIOState state = GPIOState_Low;
+    adapter.firmware->SetInputLevel(3, true);
+    EXPECT_EQ(TSTATUS_SUCCESS, device.GetPinState(3, state));
+    EXPECT_EQ(GPIOState_High, state);
+}
+
+// An unplugged adapter: the reader thread sees the device error on every poll
+// and must pause between them rather than spin; commands fail with a status;
+// Close still works.
+TEST_F(DeviceOpenTest, UnplugWhileOpen)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    ASSERT_EQ(TSTATUS_SUCCESS, device.SetPinMode(2, GPIOMode_Output_High));
+
+    std::string trace;
+    double cpu = 0;
+    long long wall = 0;
+    trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        adapter.hid->Unplug();
+        const auto start = std::chrono::steady_clock::now();
+        const double cpuStart = ProcessCpuMs();
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        cpu = ProcessCpuMs() - cpuStart;
+        wall = ElapsedMs(start);
+    });
+    const size_t pollErrors = CountOf(trace, kSigReader + ": fds[1] (device) POLLERR event\n");
+    EXPECT_GE(pollErrors, 1u) << trace.substr(0, 400);
+    // One error per 50 ms pause, give or take the start and end.
+    EXPECT_LE(pollErrors, static_cast<size_t>(wall / 50 + 3)) << trace.substr(0, 400);
+    EXPECT_EQ(pollErrors, LineCount(trace)) << trace.substr(0, 600);
+    EXPECT_LT(cpu, 150.0) << "reader thread spinning on an unplugged device";
+
+    EXPECT_EQ(TSTATUS_DEVICE_REMOVED, device.CheckDeviceConnection());
+    TSTATUS st = TSTATUS_SUCCESS;
+    trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = device.SetPinState(2, GPIOState_Low); });
+    EXPECT_NE(TSTATUS_SUCCESS, st);
+    EXPECT_EQ(static_cast<unsigned>(st) & 0xFFFF0000u, 0xE0010000u) << "an errno-derived status: " << std::hex << st;
+    char line[128];
+    snprintf(line, sizeof(line), ": WriteReport failed, err = 0x%08X\n", static_cast<unsigned>(st));
+    EXPECT_EQ(1u, CountOf(trace, kSigExecute + line)) << trace.substr(0, 600);
+
+    const auto start = std::chrono::steady_clock::now();
+    device.Close();
+    EXPECT_LT(ElapsedMs(start), 1000);
+    EXPECT_FALSE(device.IsOpen());
+}
+
+} // namespace

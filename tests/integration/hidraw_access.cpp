@@ -1,0 +1,1147 @@
+// hidraw access against emulated devices under umockdev: the udev wrappers,
+// the enumeration with its filter and records, and the device interface
+// (open, descriptor lengths, reads, writes, waits, ioctls, permissions and
+// unplugging).
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <libudev.h>
+#include <linux/hidraw.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "EmuHidDevice.h"
+#include "EmuTestbed.h"
+#include "liblinux/LxHidRawDeviceEnumerator.h"
+#include "liblinux/LxHidRawDeviceInterface.h"
+#include "liblinux/LxHidRawReportBuffer.h"
+#include "liblinux/LxUdevContext.h"
+#include "liblinux/LxUdevContextGlobal.h"
+#include "liblinux/LxUdevDevice.h"
+#include "liblinux/LxUdevEnumerator.h"
+#include "liblinux/LxUdevList.h"
+#include "liblinux/LxUdevMonitor.h"
+#include "liblinux/LxUdevQueue.h"
+#include "support/hid_trace_capture.h"
+
+using hid_test::CaptureTrace;
+using hid_test::CountOf;
+
+namespace {
+
+const std::string kEnum = "TSTATUS LxHidRawDeviceEnumerator::EnumerateHidRawDevices(const TbUsbVidPidList*)";
+const std::string kDeviceInfo =
+    "const LxHidRawDeviceEnumeratorInfo* LxHidRawDeviceEnumerator::DeviceInfo(unsigned int) const";
+const std::string kOpen = "TSTATUS LxHidRawDeviceInterface::OpenHidRawDevice(LxHidRawDeviceEnumerator&, unsigned int)";
+const std::string kClose = "void LxHidRawDeviceInterface::CloseHidRawDevice()";
+const std::string kRead = "TSTATUS LxHidRawDeviceInterface::ReadReport(LxHidRawReportBuffer&)";
+const std::string kWrite = "TSTATUS LxHidRawDeviceInterface::WriteReport(LxHidRawReportBuffer&)";
+const std::string kSync = "TSTATUS LxHidRawDeviceInterface::ReadReportSync(LxHidRawReportBuffer&, int)";
+const std::string kDescSize = "TSTATUS LxHidRawDeviceInterface::IoctlGetReportDescriptorSize(int&)";
+const std::string kDesc =
+    "TSTATUS LxHidRawDeviceInterface::IoctlGetReportDescriptor(hidraw_report_descriptor&, int)";
+const std::string kRawInfo = "TSTATUS LxHidRawDeviceInterface::IoctlGetRawInfo(hidraw_devinfo&)";
+const std::string kRawName = "TSTATUS LxHidRawDeviceInterface::IoctlGetRawName(char*, unsigned int)";
+const std::string kPhys = "TSTATUS LxHidRawDeviceInterface::IoctlGetPhysicalLocation(char*, unsigned int)";
+const std::string kSerial = "TSTATUS LxHidRawDeviceInterface::GetSerialNumberString(char*, unsigned int)";
+
+TbUsbVidPidList AdapterFilter()
+{
+    TbUsbVidPidList filter;
+    filter.AddVidPid(0x1209, 0x7A01);
+    filter.AddVidPid(0x1209, 0x7A02);
+    filter.AddVidPid(0x1209, 0x7A03);
+    return filter;
+}
+
+std::string Upper(std::string s)
+{
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(toupper(c)); });
+    return s;
+}
+
+std::vector<T_UINT8> Pattern(size_t n, T_UINT8 seed)
+{
+    std::vector<T_UINT8> v(n);
+    for (size_t i = 0; i < n; ++i)
+        v[i] = static_cast<T_UINT8>(seed + i * 7);
+    return v;
+}
+
+class HidrawTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(kemu::EmuTestbed::InMockEnvironment()) << "run under umockdev-wrapper";
+        mSavedMask = TPosixGetTraceMask();
+        TPosixSetTraceMask(0);
+        mTestbed = std::make_unique<kemu::EmuTestbed>();
+    }
+    void TearDown() override
+    {
+        mTestbed.reset();
+        TPosixSetTraceMask(mSavedMask);
+    }
+
+    kemu::EmuHidDevice& Add(const kemu::EmuHidDeviceConfig& config = kemu::AdapterConfig())
+    {
+        return mTestbed->AddDevice(config);
+    }
+
+    // Index of the record with this device node in a fresh enumeration.
+    unsigned IndexOf(LxHidRawDeviceEnumerator& e, const kemu::EmuHidDevice& dev)
+    {
+        unsigned index = ~0u;
+        EXPECT_EQ(TSTATUS_SUCCESS, e.FindIndexForDevicePath(dev.DevNode().c_str(), index)) << dev.DevNode();
+        return index;
+    }
+
+    // Enumerates with the adapter filter and opens dev.
+    TSTATUS Open(LxHidRawDeviceInterface& itf, LxHidRawDeviceEnumerator& e, const kemu::EmuHidDevice& dev)
+    {
+        TbUsbVidPidList filter = AdapterFilter();
+        EXPECT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(&filter));
+        return itf.OpenHidRawDevice(e, IndexOf(e, dev));
+    }
+
+    std::unique_ptr<kemu::EmuTestbed> mTestbed;
+    unsigned mSavedMask = 0;
+};
+
+} // namespace
+
+// ---- The process-wide udev context -----------------------------------------
+
+// First in the file so that, in a default run, the context does not exist
+// yet when several threads ask for it at once (TSan checks the creation).
+TEST(UdevContextGlobal, ConcurrentFirstUseCreatesOneContext)
+{
+    std::vector<std::thread> threads;
+    std::vector<udev*> seen(8, nullptr);
+    std::atomic<bool> go{false};
+    for (size_t i = 0; i < seen.size(); ++i) {
+        threads.emplace_back([&, i] {
+            while (!go.load())
+                std::this_thread::yield();
+            seen[i] = LxUdevContextGlobal::GetContext().GetContext();
+        });
+    }
+    go = true;
+    for (auto& t : threads)
+        t.join();
+    ASSERT_NE(nullptr, seen[0]);
+    for (udev* u : seen)
+        EXPECT_EQ(seen[0], u);
+    EXPECT_EQ(&LxUdevContextGlobal::GetContext(), &LxUdevContextGlobal::GetContext());
+    EXPECT_TRUE(LxUdevContextGlobal::GetContext().IsInitialized());
+}
+
+// ---- udev wrappers ------------------------------------------------------
+
+TEST_F(HidrawTest, UdevContextInitTwiceAndUserdata)
+{
+    LxUdevContext ctx;
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_EQ(nullptr, ctx.GetUserdata());
+        ctx.SetUserdata(this);
+    });
+    EXPECT_EQ("void* LxUdevContext::GetUserdata(): mContext not initialized\n"
+              "void LxUdevContext::SetUserdata(void*): mContext not initialized\n",
+              out);
+    ASSERT_TRUE(ctx.Init());
+    udev* handle = ctx.GetContext();
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_TRUE(ctx.Init()); });
+    EXPECT_EQ("bool LxUdevContext::Init(): already initialized\n", out);
+    EXPECT_EQ(handle, ctx.GetContext());
+    ctx.SetUserdata(this);
+    EXPECT_EQ(this, ctx.GetUserdata());
+    ctx.Deinit();
+    ctx.Deinit();
+    EXPECT_FALSE(ctx.IsInitialized());
+}
+
+TEST_F(HidrawTest, UdevDeviceGettersWithoutDeviceTraceAndReturnNull)
+{
+    LxUdevDevice dev(nullptr);
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_EQ(nullptr, dev.GetSyspath());
+        EXPECT_EQ(nullptr, dev.GetSysattrValue("idVendor"));
+        EXPECT_EQ(nullptr, dev.GetDevpath());
+        EXPECT_EQ(nullptr, dev.GetDevnode());
+        EXPECT_EQ(nullptr, dev.GetAction());
+        EXPECT_EQ(nullptr, dev.GetSubsystem());
+        EXPECT_EQ(nullptr, dev.GetDevtype());
+    });
+    EXPECT_EQ("const char* LxUdevDevice::GetSyspath(): mDevice not initialized\n"
+              "const char* LxUdevDevice::GetSysattrValue(const char*): mDevice not initialized\n"
+              "const char* LxUdevDevice::GetDevpath(): mDevice not initialized\n"
+              "const char* LxUdevDevice::GetDevnode(): mDevice not initialized\n"
+              "const char* LxUdevDevice::GetAction(): mDevice not initialized\n"
+              "const char* LxUdevDevice::GetSubsystem(): mDevice not initialized\n"
+              "const char* LxUdevDevice::GetDevtype(): mDevice not initialized\n",
+              out);
+}
+
+TEST_F(HidrawTest, UdevDeviceFromSyspathAndParents)
+{
+    kemu::EmuHidDevice& hid = Add();
+    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
+
+    auto child = std::make_unique<LxUdevDevice>();
+    ASSERT_TRUE(child->InitFromSyspath(ctx, hid.SysPath().c_str()));
+    EXPECT_STREQ(hid.DevNode().c_str(), child->GetDevnode());
+    EXPECT_STREQ("hidraw", child->GetSubsystem());
+    EXPECT_STREQ(hid.SysPath().c_str(), child->GetSyspath());
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_TRUE(child->InitFromSyspath(ctx, "/sys/devices/does/not/exist"));
+    });
+    EXPECT_EQ("bool LxUdevDevice::InitFromSyspath(LxUdevContext&, const char*): already initialized\n", out);
+
+    LxUdevDevice usb;
+    ASSERT_TRUE(usb.InitWithGetParentWithSubsystemDevtype(*child, "usb", "usb_device"));
+    EXPECT_STREQ("usb_device", usb.GetDevtype());
+    LxUdevDevice interface;
+    ASSERT_TRUE(interface.InitWithGetParentWithSubsystemDevtype(*child, "usb", "usb_interface"));
+    EXPECT_STREQ("usb_interface", interface.GetDevtype());
+    EXPECT_STREQ("00", interface.GetSysattrValue("bInterfaceNumber"));
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_TRUE(usb.InitWithGetParentWithSubsystemDevtype(*child, "usb", "usb_interface"));
+    });
+    EXPECT_EQ("bool LxUdevDevice::InitWithGetParentWithSubsystemDevtype(LxUdevDevice&, const char*, const char*): "
+              "already initialized\n",
+              out);
+    EXPECT_STREQ("usb_device", usb.GetDevtype()) << "a second Init must not replace the device";
+
+    // The parents hold references of their own.
+    child.reset();
+    EXPECT_STREQ("1209", usb.GetSysattrValue("idVendor"));
+    EXPECT_STREQ("7a01", usb.GetSysattrValue("idProduct"));
+    EXPECT_STREQ("Karvex HID", interface.GetSysattrValue("interface"));
+    EXPECT_EQ(nullptr, usb.GetSysattrValue("no_such_attribute"));
+}
+
+TEST_F(HidrawTest, UdevDeviceParentLookupFailures)
+{
+    kemu::EmuHidDevice& bt = Add(kemu::NoUsbParentConfig());
+    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
+    const std::string sig =
+        "bool LxUdevDevice::InitWithGetParentWithSubsystemDevtype(LxUdevDevice&, const char*, const char*)";
+
+    LxUdevDevice empty;
+    LxUdevDevice fromEmpty;
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_TRUE(fromEmpty.InitWithGetParentWithSubsystemDevtype(empty, "usb", "usb_device"));
+    });
+    EXPECT_EQ(sig + ": dev not initialized\n", out);
+    EXPECT_FALSE(fromEmpty.IsInitialized());
+
+    LxUdevDevice child;
+    ASSERT_TRUE(child.InitFromSyspath(ctx, bt.SysPath().c_str()));
+    LxUdevDevice parent;
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_FALSE(parent.InitWithGetParentWithSubsystemDevtype(child, "usb", "usb_device"));
+    });
+    EXPECT_EQ(sig + ": udev_device_get_parent_with_subsystem_devtype failed\n", out);
+    EXPECT_FALSE(parent.IsInitialized());
+
+    LxUdevDevice missing;
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_FALSE(missing.InitFromSyspath(ctx, "/sys/devices/does/not/exist"));
+    });
+    EXPECT_EQ(0u, out.find("bool LxUdevDevice::InitFromSyspath(LxUdevContext&, const char*): "
+                           "udev_device_new_from_syspath failed ("))
+        << out;
+    EXPECT_FALSE(missing.IsInitialized());
+}
+
+TEST_F(HidrawTest, UdevEnumeratorAndListCursor)
+{
+    Add(kemu::AdapterConfig(0x7A01, "A"));
+    Add(kemu::AdapterConfig(0x7A02, "B"));
+    Add(kemu::ForeignDeviceConfig());
+    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
+
+    LxUdevEnumerator e;
+    ASSERT_TRUE(e.Init(ctx));
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_TRUE(e.Init(ctx)); });
+    EXPECT_EQ("bool LxUdevEnumerator::Init(LxUdevContext&): already initialized\n", out);
+    ASSERT_EQ(0, e.AddMatchSubsystem("hidraw"));
+    ASSERT_EQ(0, e.ScanDevices());
+
+    LxUdevList list(e.GetListEntry());
+    EXPECT_EQ(3u, list.GetCount());
+    std::vector<std::string> names;
+    for (const char* n = list.GetNextName(); n != nullptr; n = list.GetNextName())
+        names.push_back(n);
+    EXPECT_EQ(3u, names.size());
+    EXPECT_EQ(nullptr, list.GetNextName());
+    EXPECT_EQ(3u, list.GetCount()) << "counting does not depend on the cursor";
+    std::set<std::string> expected;
+    for (const auto& d : mTestbed->Devices())
+        expected.insert(d->SysPath());
+    EXPECT_EQ(expected, std::set<std::string>(names.begin(), names.end()));
+
+    list.Reset();
+    ASSERT_NE(nullptr, list.GetNextName());
+    EXPECT_EQ(3u, list.GetCount());
+    EXPECT_EQ(names[1], list.GetNextName()) << "GetCount must not move the cursor";
+    list.Deinit();
+    EXPECT_EQ(nullptr, list.GetNextName());
+    EXPECT_EQ(0u, list.GetCount());
+
+    LxUdevEnumerator none;
+    ASSERT_TRUE(none.Init(ctx));
+    ASSERT_EQ(0, none.AddMatchSubsystem("no-such-subsystem"));
+    ASSERT_EQ(0, none.ScanDevices());
+    LxUdevList empty(none.GetListEntry());
+    EXPECT_EQ(0u, empty.GetCount());
+    EXPECT_EQ(nullptr, empty.GetNextName());
+
+    // A property match narrows the scan.
+    LxUdevEnumerator byProperty;
+    ASSERT_TRUE(byProperty.Init(ctx));
+    ASSERT_EQ(0, byProperty.AddMatchSubsystem("usb"));
+    ASSERT_EQ(0, byProperty.AddMatchSysattr("idProduct", "7a02"));
+    ASSERT_EQ(0, byProperty.ScanDevices());
+    LxUdevList one(byProperty.GetListEntry());
+    EXPECT_EQ(1u, one.GetCount());
+}
+
+TEST_F(HidrawTest, UdevMonitorWithoutHandleAndWithEvents)
+{
+    LxUdevMonitor idle;
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_EQ(-1, idle.GetFd());
+        EXPECT_FALSE(idle.EnableReceiving());
+        EXPECT_FALSE(idle.FilterAddMatchSubsystemDevtype("hidraw", nullptr));
+        EXPECT_FALSE(idle.FilterUpdate());
+        EXPECT_FALSE(idle.FilterRemove());
+        EXPECT_EQ(nullptr, idle.ReceiveDevice());
+    });
+    EXPECT_EQ("int LxUdevMonitor::GetFd(): mMonitor not initialized\n"
+              "bool LxUdevMonitor::EnableReceiving(): mMonitor not initialized\n"
+              "bool LxUdevMonitor::FilterAddMatchSubsystemDevtype(const char*, const char*): mMonitor not initialized\n"
+              "bool LxUdevMonitor::FilterUpdate(): mMonitor not initialized\n"
+              "bool LxUdevMonitor::FilterRemove(): mMonitor not initialized\n"
+              "udev_device* LxUdevMonitor::ReceiveDevice(): mMonitor not initialized\n",
+              out);
+
+    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
+    LxUdevMonitor monitor;
+    ASSERT_TRUE(monitor.InitFromNetLinkUdev(ctx));
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_TRUE(monitor.InitFromNetLink(ctx, "udev")); });
+    EXPECT_EQ("bool LxUdevMonitor::InitFromNetLink(LxUdevContext&, const char*): already initialized\n", out);
+    ASSERT_TRUE(monitor.FilterAddMatchSubsystemDevtype("hidraw", nullptr));
+    ASSERT_TRUE(monitor.EnableReceiving());
+    const int fd = monitor.GetFd();
+    ASSERT_GE(fd, 0);
+
+    // A non-hidraw device first (filtered out), then an adapter.
+    kemu::EmuHidDevice& hid = Add();
+    std::string action;
+    std::string syspath;
+    for (int i = 0; i < 20 && action.empty(); ++i) {
+        pollfd pfd{fd, POLLIN, 0};
+        ASSERT_EQ(1, poll(&pfd, 1, 5000)) << "no uevent";
+        LxUdevDevice dev(monitor.ReceiveDevice()); // adopts the reference
+        if (dev.IsInitialized() && std::string(dev.GetSubsystem()) == "hidraw") {
+            action = dev.GetAction();
+            syspath = dev.GetSyspath();
+        }
+    }
+    EXPECT_EQ("add", action);
+    EXPECT_EQ(hid.SysPath(), syspath);
+    EXPECT_TRUE(monitor.FilterRemove());
+    monitor.Deinit();
+    EXPECT_FALSE(monitor.IsInitialized());
+}
+
+TEST_F(HidrawTest, UdevQueueAdoptsAndReleasesItsReference)
+{
+    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
+    LxUdevQueue empty;
+    EXPECT_FALSE(empty.IsInitialized());
+    LxUdevQueue queue(udev_queue_new(ctx.GetContext()));
+    ASSERT_TRUE(queue.IsInitialized());
+    queue.Ref();
+    queue.Unref();
+    // The destructor drops the adopted reference (a leak shows under ASan).
+}
+
+// ---- Enumeration ----------------------------------------------------------
+
+TEST_F(HidrawTest, EnumerationWithoutDevicesIsEmpty)
+{
+    LxHidRawDeviceEnumerator e;
+    TbUsbVidPidList filter = AdapterFilter();
+    EXPECT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(&filter));
+    EXPECT_EQ(0u, e.DeviceCount());
+    EXPECT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr));
+    EXPECT_EQ(0u, e.DeviceCount());
+}
+
+TEST_F(HidrawTest, FilterSelectsByVidAndPid)
+{
+    kemu::EmuHidDevice& a1 = Add(kemu::AdapterConfig(0x7A01, "S1"));
+    kemu::EmuHidDevice& a3 = Add(kemu::AdapterConfig(0x7A03, "S3"));
+    kemu::EmuHidDevice& foreign = Add(kemu::ForeignDeviceConfig());
+    kemu::EmuHidDeviceConfig otherPid = kemu::AdapterConfig(0x7A04, "S4"); // right VID, wrong PID
+    Add(otherPid);
+
+    LxHidRawDeviceEnumerator e;
+    EXPECT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr));
+    EXPECT_EQ(4u, e.DeviceCount());
+
+    TbUsbVidPidList empty;
+    EXPECT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(&empty));
+    EXPECT_EQ(0u, e.DeviceCount());
+
+    TbUsbVidPidList filter = AdapterFilter();
+    std::string out =
+        CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { EXPECT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(&filter)); });
+    ASSERT_EQ(2u, e.DeviceCount());
+    EXPECT_EQ(2u, CountOf(out, kEnum + ": ignore device\n"));
+    EXPECT_EQ(2u, CountOf(out, kEnum + ": add device to list\n"));
+    std::set<std::string> paths{e.DevicePath(0), e.DevicePath(1)};
+    EXPECT_EQ((std::set<std::string>{a1.DevNode(), a3.DevNode()}), paths);
+    unsigned index = 99;
+    EXPECT_EQ(TSTATUS_OBJECT_NOT_FOUND, e.FindIndexForDevicePath(foreign.DevNode().c_str(), index));
+    EXPECT_EQ(99u, index);
+    ASSERT_EQ(TSTATUS_SUCCESS, e.FindIndexForDevicePath(a3.DevNode().c_str(), index));
+    EXPECT_EQ(0x7A03, e.PID(index));
+    EXPECT_STREQ("S3", e.SerialNumberString(index));
+}
+
+TEST_F(HidrawTest, RecordCarriesUsbFactsAndIsTraced)
+{
+    kemu::EmuHidDeviceConfig config = kemu::AdapterConfig(0x7A02, "KVX-REC-1");
+    config.bcdDevice = 0x0213;
+    config.manufacturer = "Karvex Ltd";
+    config.product = "Karvex Adapter X";
+    config.interfaceNumber = 0x0B; // sysfs writes "0b": parsed as hex
+    config.interfaceName = std::string("Karvex HID X");
+    kemu::EmuHidDevice& hid = Add(config);
+
+    LxHidRawDeviceEnumerator e;
+    TbUsbVidPidList filter = AdapterFilter();
+    std::string out =
+        CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { EXPECT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(&filter)); });
+    ASSERT_EQ(1u, e.DeviceCount());
+    const LxHidRawDeviceEnumeratorInfo* info = e.DeviceInfo(0);
+    ASSERT_NE(nullptr, info);
+    EXPECT_STREQ(hid.DevNode().c_str(), info->mDevicePath);
+    EXPECT_EQ(0x1209, info->mVID);
+    EXPECT_EQ(0x7A02, info->mPID);
+    EXPECT_EQ(0x0213, info->mBcdDevice);
+    EXPECT_STREQ("Karvex Ltd", info->mManufacturer);
+    EXPECT_STREQ("Karvex Adapter X", info->mProduct);
+    EXPECT_STREQ("KVX-REC-1", info->mSerial);
+    EXPECT_STREQ("Karvex HID X", info->mInterface);
+    EXPECT_EQ(0x0B, info->mInterfaceNumber);
+    EXPECT_EQ(0x1209, e.VID(0));
+    EXPECT_EQ(0x0213, e.bcdDevice(0));
+
+    // Fourteen labelled lines in this order, then the acceptance.
+    const char* labels[] = {"hidraw:          '", "usb_device:      '", "usb_interface:   '",
+                            "hidraw:          '", "usb_device:      '", "usb_interface:   '",
+                            "manufacturer:    'Karvex Ltd'\n", "product:         'Karvex Adapter X'\n",
+                            "serial:          'KVX-REC-1'\n", "vid:             0x1209\n",
+                            "pid:             0x7a02\n", "bcd_device:      0x0213\n",
+                            "interface:       0x0b\n", "interface_str:   'Karvex HID X'\n",
+                            "add device to list\n"};
+    size_t pos = 0;
+    for (const char* label : labels) {
+        const size_t found = out.find(kEnum + ": " + label, pos);
+        ASSERT_NE(std::string::npos, found) << label << "\n" << out;
+        pos = found + 1;
+    }
+    EXPECT_EQ(0u, out.find(kEnum + ": hidraw:          '" + hid.DevNode() + "'\n")) << out;
+    const std::string devpathLine = kEnum + ": hidraw:          '" + hid.SysPath().substr(4) + "'\n"; // without /sys
+    EXPECT_NE(std::string::npos, out.find(devpathLine)) << out;
+    EXPECT_EQ(15u, CountOf(out, kEnum + ": "));
+}
+
+TEST_F(HidrawTest, MissingStringsAndLongStrings)
+{
+    kemu::EmuHidDeviceConfig bare = kemu::AdapterConfig(0x7A01, "");
+    bare.serial.reset();
+    bare.interfaceName.reset();
+    bare.product = "Only Product";
+    kemu::EmuHidDevice& b = Add(bare);
+
+    kemu::EmuHidDeviceConfig longer = kemu::AdapterConfig(0x7A02, std::string(200, 's'));
+    longer.manufacturer = std::string(300, 'm');
+    longer.interfaceName.reset();
+    longer.product = std::string(128, 'p');
+    kemu::EmuHidDevice& l = Add(longer);
+
+    LxHidRawDeviceEnumerator e;
+    TbUsbVidPidList filter = AdapterFilter();
+    ASSERT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(&filter));
+    ASSERT_EQ(2u, e.DeviceCount());
+    const LxHidRawDeviceEnumeratorInfo* bi = e.DeviceInfo(IndexOf(e, b));
+    ASSERT_NE(nullptr, bi);
+    EXPECT_STREQ("", bi->mSerial);
+    EXPECT_STREQ("", e.SerialNumberString(IndexOf(e, b)));
+    EXPECT_STREQ("Only Product", bi->mInterface) << "no interface string: the product string";
+
+    const LxHidRawDeviceEnumeratorInfo* li = e.DeviceInfo(IndexOf(e, l));
+    ASSERT_NE(nullptr, li);
+    EXPECT_EQ(std::string(127, 's'), li->mSerial);
+    EXPECT_EQ(std::string(127, 'm'), li->mManufacturer);
+    EXPECT_EQ(std::string(127, 'p'), li->mProduct);
+    EXPECT_EQ(std::string(127, 'p'), li->mInterface);
+}
+
+TEST_F(HidrawTest, CompositeDeviceGivesOneRecordPerInterface)
+{
+    auto configs = kemu::CompositeDeviceConfigs();
+    ASSERT_EQ(2u, configs.size());
+    kemu::EmuHidDevice& first = Add(configs[0]);
+    kemu::EmuHidDevice& second = Add(configs[1]);
+
+    LxHidRawDeviceEnumerator e;
+    TbUsbVidPidList filter = AdapterFilter();
+    ASSERT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(&filter));
+    ASSERT_EQ(2u, e.DeviceCount());
+    const LxHidRawDeviceEnumeratorInfo* r0 = e.DeviceInfo(IndexOf(e, first));
+    const LxHidRawDeviceEnumeratorInfo* r1 = e.DeviceInfo(IndexOf(e, second));
+    ASSERT_TRUE(r0 && r1);
+    EXPECT_NE(r0, r1);
+    EXPECT_EQ(r0->mVID, r1->mVID);
+    EXPECT_EQ(r0->mPID, r1->mPID);
+    EXPECT_STREQ(r0->mSerial, r1->mSerial);
+    EXPECT_STRNE(r0->mDevicePath, r1->mDevicePath);
+    EXPECT_EQ(0, r0->mInterfaceNumber);
+    EXPECT_EQ(1, r1->mInterfaceNumber);
+    EXPECT_STREQ("Karvex HID 2", r1->mInterface);
+}
+
+TEST_F(HidrawTest, DeviceWithoutUsbParentIsSkipped)
+{
+    Add(kemu::NoUsbParentConfig());
+    kemu::EmuHidDevice& usb = Add();
+    LxHidRawDeviceEnumerator e;
+    std::string out =
+        CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr)); });
+    ASSERT_EQ(1u, e.DeviceCount());
+    EXPECT_STREQ(usb.DevNode().c_str(), e.DevicePath(0));
+    EXPECT_EQ("bool LxUdevDevice::InitWithGetParentWithSubsystemDevtype(LxUdevDevice&, const char*, const char*): "
+              "udev_device_get_parent_with_subsystem_devtype failed\n" +
+                  kEnum + ": dev.InitWithGetParentWithSubsystemDevtype usb_interface failed\n",
+              out);
+}
+
+TEST_F(HidrawTest, InvalidIndexGivesNullAndTwoLines)
+{
+    Add();
+    LxHidRawDeviceEnumerator e;
+    ASSERT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr));
+    ASSERT_EQ(1u, e.DeviceCount());
+    const std::string first = kDeviceInfo + ": invalid device index 1 (max 1)\n";
+    struct {
+        std::string sig;
+        std::function<bool()> call;
+    } accessors[] = {
+        {"const char* LxHidRawDeviceEnumerator::DevicePath(unsigned int)", [&] { return e.DevicePath(1) == nullptr; }},
+        {"T_UINT16 LxHidRawDeviceEnumerator::VID(unsigned int)", [&] { return e.VID(1) == 0; }},
+        {"T_UINT16 LxHidRawDeviceEnumerator::PID(unsigned int)", [&] { return e.PID(1) == 0; }},
+        {"T_UINT16 LxHidRawDeviceEnumerator::bcdDevice(unsigned int)", [&] { return e.bcdDevice(1) == 0; }},
+        {"const char* LxHidRawDeviceEnumerator::SerialNumberString(unsigned int) const",
+         [&] { return e.SerialNumberString(1) == nullptr; }},
+    };
+    for (auto& a : accessors) {
+        bool neutral = false;
+        std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { neutral = a.call(); });
+        EXPECT_TRUE(neutral) << a.sig;
+        EXPECT_EQ(first + a.sig + ": invalid device index 1\n", out);
+    }
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(nullptr, e.DeviceInfo(7)); });
+    EXPECT_EQ(kDeviceInfo + ": invalid device index 7 (max 1)\n", out);
+    EXPECT_EQ("", CaptureTrace(0, [&] { EXPECT_EQ(nullptr, e.DevicePath(1)); }));
+}
+
+TEST_F(HidrawTest, FindIndexIgnoresCase)
+{
+    kemu::EmuHidDevice& a = Add(kemu::AdapterConfig(0x7A01, "A"));
+    kemu::EmuHidDevice& b = Add(kemu::AdapterConfig(0x7A02, "B"));
+    LxHidRawDeviceEnumerator e;
+    unsigned index = 42;
+    EXPECT_EQ(TSTATUS_OBJECT_NOT_FOUND, e.FindIndexForDevicePath(a.DevNode().c_str(), index)) << "empty list";
+    EXPECT_EQ(42u, index);
+    ASSERT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr));
+    for (kemu::EmuHidDevice* d : {&a, &b}) {
+        ASSERT_EQ(TSTATUS_SUCCESS, e.FindIndexForDevicePath(Upper(d->DevNode()).c_str(), index));
+        EXPECT_STREQ(d->DevNode().c_str(), e.DevicePath(index));
+    }
+    EXPECT_EQ(TSTATUS_OBJECT_NOT_FOUND, e.FindIndexForDevicePath((a.DevNode() + "0").c_str(), index));
+    EXPECT_EQ(TSTATUS_OBJECT_NOT_FOUND, e.FindIndexForDevicePath("/dev/hidraw", index));
+}
+
+TEST_F(HidrawTest, ListEqualityAndReEnumerationAfterUnplug)
+{
+    kemu::EmuHidDevice& a = Add(kemu::AdapterConfig(0x7A01, "A"));
+    kemu::EmuHidDevice& b = Add(kemu::AdapterConfig(0x7A02, "B"));
+    kemu::EmuHidDevice& c = Add(kemu::AdapterConfig(0x7A03, "C"));
+    TbUsbVidPidList filter = AdapterFilter();
+    LxHidRawDeviceEnumerator e1, e2, empty1, empty2;
+    ASSERT_EQ(TSTATUS_SUCCESS, e1.EnumerateHidRawDevices(&filter));
+    ASSERT_EQ(TSTATUS_SUCCESS, e2.EnumerateHidRawDevices(&filter));
+    EXPECT_TRUE(e1.IsDeviceListEqual(e2));
+    EXPECT_TRUE(e2.IsDeviceListEqual(e1));
+    EXPECT_TRUE(empty1.IsDeviceListEqual(empty2));
+    EXPECT_FALSE(e1.IsDeviceListEqual(empty1));
+
+    // Same count, different paths.
+    TbUsbVidPidList onlyA, onlyB;
+    onlyA.AddVidPid(0x1209, 0x7A01);
+    onlyB.AddVidPid(0x1209, 0x7A02);
+    LxHidRawDeviceEnumerator ea, eb;
+    ASSERT_EQ(TSTATUS_SUCCESS, ea.EnumerateHidRawDevices(&onlyA));
+    ASSERT_EQ(TSTATUS_SUCCESS, eb.EnumerateHidRawDevices(&onlyB));
+    ASSERT_EQ(1u, ea.DeviceCount());
+    ASSERT_EQ(1u, eb.DeviceCount());
+    EXPECT_FALSE(ea.IsDeviceListEqual(eb));
+
+    unsigned indexC = IndexOf(e1, c);
+    b.Unplug();
+    ASSERT_EQ(TSTATUS_SUCCESS, e2.EnumerateHidRawDevices(&filter));
+    EXPECT_EQ(2u, e2.DeviceCount());
+    EXPECT_FALSE(e1.IsDeviceListEqual(e2));
+    unsigned index = 0;
+    EXPECT_EQ(TSTATUS_OBJECT_NOT_FOUND, e2.FindIndexForDevicePath(b.DevNode().c_str(), index));
+    ASSERT_EQ(TSTATUS_SUCCESS, e2.FindIndexForDevicePath(c.DevNode().c_str(), index));
+    if (IndexOf(e1, b) < indexC) {
+        EXPECT_EQ(indexC - 1, index) << "later records move up";
+    }
+    ASSERT_EQ(TSTATUS_SUCCESS, e2.FindIndexForDevicePath(a.DevNode().c_str(), index));
+
+    e1.ClearList();
+    EXPECT_EQ(0u, e1.DeviceCount());
+    e1.ClearList();
+    EXPECT_TRUE(e1.IsDeviceListEqual(empty1));
+}
+
+// ---- Device interface: open and close --------------------------------------
+
+TEST_F(HidrawTest, OpenLearnsLengthsIdentityAndSerial)
+{
+    kemu::EmuHidDevice& hid = Add(kemu::AdapterConfig(0x7A02, "KVX777"));
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    EXPECT_FALSE(itf.IsOpen());
+    EXPECT_EQ(-1, itf.GetFileDescriptor());
+    ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
+    EXPECT_TRUE(itf.IsOpen());
+    EXPECT_GE(itf.GetFileDescriptor(), 0);
+    EXPECT_TRUE(itf.IsConnected());
+    EXPECT_EQ(321u, itf.InputReportByteLength());
+    EXPECT_EQ(321u, itf.OutputReportByteLength());
+    EXPECT_FALSE(itf.IsNumberedInputReport());
+    EXPECT_EQ(0x1209, itf.UsbVid());
+    EXPECT_EQ(0x7A02, itf.UsbPid());
+    EXPECT_EQ(0x0100, itf.UsbRevision());
+
+    char serial[7];
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.GetSerialNumberString(serial, sizeof(serial)));
+    EXPECT_STREQ("KVX777", serial);
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_EQ(TSTATUS_BUFFER_TOO_SMALL, itf.GetSerialNumberString(serial, 6));
+        EXPECT_EQ(TSTATUS_INVALID_PARAMETER, itf.GetSerialNumberString(nullptr, 100));
+    });
+    EXPECT_EQ(kSerial + ": stringBuffer too small, min. 7 bytes, got 6 bytes\n" + kSerial +
+                  ": stringBuffer is NULL\n",
+              out);
+
+    hidraw_devinfo info;
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.IoctlGetRawInfo(info));
+    EXPECT_EQ(0x1209, static_cast<T_UINT16>(info.vendor));
+    EXPECT_EQ(0x7A02, static_cast<T_UINT16>(info.product));
+    char name[256];
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.IoctlGetRawName(name, sizeof(name)));
+    EXPECT_NE(std::string::npos, std::string(name).find("Karvex")) << name;
+    char phys[64];
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.IoctlGetPhysicalLocation(phys, sizeof(phys)));
+    EXPECT_NE(0u, strlen(phys));
+    // A buffer longer than the ioctl's 14-bit length field is still safe.
+    std::vector<char> huge(70000, 'x');
+    EXPECT_EQ(TSTATUS_SUCCESS, itf.IoctlGetRawName(huge.data(), static_cast<unsigned>(huge.size())));
+    EXPECT_STREQ(name, huge.data());
+
+    int size = -1;
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.IoctlGetReportDescriptorSize(size));
+    EXPECT_EQ(static_cast<int>(hid.ReportDescriptor().size()), size);
+
+    out = CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { itf.CloseHidRawDevice(); });
+    EXPECT_EQ(0u, out.find(kClose + ": close hidraw file handle\n" + kClose + ": free report descriptor parser (0x"))
+        << out;
+    EXPECT_FALSE(itf.IsOpen());
+    EXPECT_EQ(0u, itf.InputReportByteLength());
+    EXPECT_EQ(0u, itf.UsbVid());
+    EXPECT_EQ(TSTATUS_NOT_SUPPORTED, itf.GetSerialNumberString(serial, sizeof(serial)));
+    EXPECT_EQ("", CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { itf.CloseHidRawDevice(); })) << "second close";
+
+    // Open again after close.
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, IndexOf(e, hid)));
+    EXPECT_EQ(321u, itf.InputReportByteLength());
+}
+
+TEST_F(HidrawTest, ReportLengthsFollowTheDescriptor)
+{
+    struct Case {
+        kemu::EmuHidDeviceConfig config;
+        T_UINT32 in, out;
+        bool numbered;
+    };
+    kemu::EmuHidDeviceConfig c64 = kemu::AdapterConfig(0x7A01, "L64");
+    c64.reportDescriptor = kemu::AdapterReportDescriptor(64, 64);
+    kemu::EmuHidDeviceConfig empty = kemu::AdapterConfig(0x7A01, "E");
+    empty.reportDescriptor = {0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01, 0xC0};
+    std::vector<Case> cases = {
+        {kemu::AdapterConfig(), 321, 321, false},  {c64, 65, 65, false},
+        {kemu::Adapter64Config(), 64, 64, false},  {kemu::NoOutputReportConfig(), 321, 0, false},
+        {kemu::NumberedAdapterConfig(), 321, 321, true}, {empty, 0, 0, false},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(i);
+        mTestbed.reset(); // one testbed at a time
+        mTestbed = std::make_unique<kemu::EmuTestbed>();
+        kemu::EmuHidDevice& hid = Add(cases[i].config);
+        LxHidRawDeviceEnumerator e;
+        LxHidRawDeviceInterface itf;
+        ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
+        EXPECT_EQ(cases[i].in, itf.InputReportByteLength());
+        EXPECT_EQ(cases[i].out, itf.OutputReportByteLength());
+        EXPECT_EQ(cases[i].numbered, itf.IsNumberedInputReport());
+    }
+}
+
+TEST_F(HidrawTest, OpenRefusesBadIndexAndSecondOpen)
+{
+    kemu::EmuHidDevice& hid = Add();
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    ASSERT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr));
+    std::string out =
+        CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TSTATUS_INVALID_PARAMETER, itf.OpenHidRawDevice(e, 1)); });
+    EXPECT_EQ(kOpen + ": invalid deviceIndex: 1 deviceCount: 1\n", out);
+    EXPECT_EQ(0u, hid.OpenDescriptorCount());
+    EXPECT_FALSE(itf.IsOpen());
+
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, 0));
+    const int fd = itf.GetFileDescriptor();
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TSTATUS_ALREADY_OPEN, itf.OpenHidRawDevice(e, 0)); });
+    EXPECT_EQ(kOpen + ": already open\n", out);
+    EXPECT_EQ(fd, itf.GetFileDescriptor());
+    EXPECT_TRUE(itf.IsConnected());
+}
+
+TEST_F(HidrawTest, OpenOfANodeThatIsGone)
+{
+    kemu::EmuHidDevice& hid = Add();
+    LxHidRawDeviceEnumerator e;
+    ASSERT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr));
+    hid.Unplug();
+    LxHidRawDeviceInterface itf;
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_VERBOSE, [&] {
+        EXPECT_EQ(TStatusFromErrno(ENOENT), itf.OpenHidRawDevice(e, 0));
+    });
+    EXPECT_EQ(kOpen + ": open: '" + hid.DevNode() + "'\n" + kOpen + ": open failed (2)\n", out);
+    EXPECT_FALSE(itf.IsOpen());
+}
+
+TEST_F(HidrawTest, OpenWithoutPermissionIsNotAllowed)
+{
+    kemu::EmuHidDevice& hid = Add();
+    hid.SetNodeMode(0000);
+    LxHidRawDeviceEnumerator e;
+    ASSERT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr));
+    const std::string expectedLine = kOpen + ": open failed (no permission)\n";
+
+    if (geteuid() != 0) {
+        LxHidRawDeviceInterface itf;
+        std::string out =
+            CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TSTATUS_NOT_ALLOWED, itf.OpenHidRawDevice(e, 0)); });
+        EXPECT_EQ(expectedLine, out);
+        EXPECT_FALSE(itf.IsOpen());
+        return;
+    }
+
+    // Root opens any node: check from a child that gives up its privileges.
+    // The child reports its trace through a pipe and its result as exit code.
+    int pipeFds[2];
+    ASSERT_EQ(0, pipe(pipeFds));
+    fflush(stdout);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(pipeFds[0]);
+        if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0)
+            _exit(10);
+        if (dup2(pipeFds[1], STDOUT_FILENO) < 0)
+            _exit(11);
+        TPosixSetTraceMask(KARVEX_TRACE_ERROR);
+        LxHidRawDeviceInterface itf;
+        const TSTATUS status = itf.OpenHidRawDevice(e, 0);
+        fflush(stdout);
+        _exit(status == TSTATUS_NOT_ALLOWED && !itf.IsOpen() ? 0 : 1);
+    }
+    close(pipeFds[1]);
+    std::string out;
+    char buf[512];
+    ssize_t n;
+    while ((n = read(pipeFds[0], buf, sizeof(buf))) > 0)
+        out.append(buf, static_cast<size_t>(n));
+    close(pipeFds[0]);
+    int wstatus = 0;
+    ASSERT_EQ(child, waitpid(child, &wstatus, 0));
+    ASSERT_TRUE(WIFEXITED(wstatus));
+    EXPECT_EQ(0, WEXITSTATUS(wstatus)) << out;
+    EXPECT_EQ(expectedLine, out);
+
+    // Root itself still opens it.
+    LxHidRawDeviceInterface itf;
+    EXPECT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, 0));
+}
+
+TEST_F(HidrawTest, DescriptorIoctlFailuresCloseAgain)
+{
+    kemu::EmuHidDevice& hid = Add();
+    LxHidRawDeviceEnumerator e;
+    ASSERT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr));
+    LxHidRawDeviceInterface itf;
+
+    hid.FailIoctl(HIDIOCGRDESCSIZE, EIO);
+    std::string out =
+        CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TSTATUS_LINUX_EIO, itf.OpenHidRawDevice(e, 0)); });
+    EXPECT_EQ(kDescSize + ": HIDIOCGRDESCSIZE failed (5)\n" + kOpen +
+                  ":IoctlGetReportDescriptorSize failed, err = 0xE0010005\n",
+              out);
+    EXPECT_FALSE(itf.IsOpen());
+    hid.FailIoctl(HIDIOCGRDESCSIZE, 0);
+
+    hid.FailIoctl(HIDIOCGRDESC, EINVAL);
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TStatusFromErrno(EINVAL), itf.OpenHidRawDevice(e, 0)); });
+    EXPECT_EQ(kDesc + ": HIDIOCGRDESC failed (22)\n" + kOpen + ":IoctlGetReportDescriptor failed, err = 0xE0010016\n",
+              out);
+    EXPECT_FALSE(itf.IsOpen());
+    EXPECT_EQ(-1, itf.GetFileDescriptor());
+    hid.FailIoctl(HIDIOCGRDESC, 0);
+
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, 0));
+    EXPECT_EQ(321u, itf.InputReportByteLength());
+}
+
+TEST_F(HidrawTest, OtherIoctlFailuresAreReportedWithErrno)
+{
+    kemu::EmuHidDevice& hid = Add();
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
+
+    hid.FailIoctl(HIDIOCGRAWINFO, ENODEV);
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(itf.IsConnected()); });
+    EXPECT_EQ(kRawInfo + ": HIDIOCGRAWINFO failed (19)\n", out);
+    hid.FailIoctl(HIDIOCGRAWINFO, 0);
+    EXPECT_TRUE(itf.IsConnected());
+
+    hid.FailIoctl(HIDIOCGRAWNAME(0), EIO);
+    hid.FailIoctl(HIDIOCGRAWPHYS(0), EPERM);
+    char buf[100];
+    memset(buf, 'x', sizeof(buf));
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_EQ(TSTATUS_LINUX_EIO, itf.IoctlGetRawName(buf, sizeof(buf)));
+        EXPECT_EQ(TSTATUS_LINUX_EPERM, itf.IoctlGetPhysicalLocation(buf, 64));
+    });
+    EXPECT_EQ(kRawName + ": HIDIOCGRAWNAME(100) failed (5)\n" + kPhys + ": HIDIOCGRAWPHYS(64) failed (1)\n", out);
+    // The output is cleared first, over the whole length.
+    EXPECT_EQ(std::string(100, '\0'), std::string(buf, sizeof(buf)));
+}
+
+TEST_F(HidrawTest, DescriptorSizeFromTheDeviceIsChecked)
+{
+    kemu::EmuHidDeviceConfig config = kemu::AdapterConfig();
+    // Vendor page, 320-byte input and output reports; ends with Output (91 02) and End Collection.
+    config.reportDescriptor = {0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01, 0x75, 0x08, 0x96, 0x40,
+                               0x01, 0x81, 0x02, 0x96, 0x40, 0x01, 0x91, 0x02, 0xC0};
+    kemu::EmuHidDevice& hid = Add(config);
+    LxHidRawDeviceEnumerator e;
+    ASSERT_EQ(TSTATUS_SUCCESS, e.EnumerateHidRawDevices(nullptr));
+    LxHidRawDeviceInterface itf;
+
+    for (int claimed : {4097, 5000, 0x7FFFFFFF, -1, -4096}) {
+        hid.OverrideDescriptorSize(claimed);
+        std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+            EXPECT_EQ(TSTATUS_INVALID_DESCRIPTOR, itf.OpenHidRawDevice(e, 0)) << claimed;
+        });
+        EXPECT_EQ(kOpen + ": invalid HID report descriptor size: " + std::to_string(claimed) + " (max. 4096)\n", out);
+        EXPECT_FALSE(itf.IsOpen());
+    }
+
+    // 4096 fits the structure; like the kernel, the device refuses to copy that many.
+    hid.OverrideDescriptorSize(4096);
+    EXPECT_EQ(TStatusFromErrno(EINVAL), itf.OpenHidRawDevice(e, 0));
+    EXPECT_FALSE(itf.IsOpen());
+
+    // Without the End Collection the descriptor is still complete.
+    hid.OverrideDescriptorSize(static_cast<int>(config.reportDescriptor.size()) - 1);
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, 0));
+    EXPECT_EQ(321u, itf.OutputReportByteLength());
+    itf.CloseHidRawDevice();
+
+    // A size that cuts the descriptor inside the Output item: the parse fails.
+    hid.OverrideDescriptorSize(static_cast<int>(config.reportDescriptor.size()) - 2);
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TSTATUS_FAILED, itf.OpenHidRawDevice(e, 0)); });
+    EXPECT_NE(std::string::npos, out.find(kOpen + ": parse HID report descriptor failed\n")) << out;
+    EXPECT_FALSE(itf.IsOpen());
+
+    // An empty descriptor parses: no reports.
+    hid.OverrideDescriptorSize(0);
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, 0));
+    EXPECT_EQ(0u, itf.InputReportByteLength());
+    EXPECT_EQ(0u, itf.OutputReportByteLength());
+    itf.CloseHidRawDevice();
+
+    hid.OverrideDescriptorSize(std::nullopt);
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, 0));
+    EXPECT_EQ(321u, itf.InputReportByteLength());
+    std::string dump = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        hidraw_report_descriptor d;
+        EXPECT_EQ(TSTATUS_INVALID_PARAMETER, itf.IoctlGetReportDescriptor(d, 4097));
+        EXPECT_EQ(TSTATUS_INVALID_PARAMETER, itf.IoctlGetReportDescriptor(d, -1));
+    });
+    EXPECT_EQ(2u, CountOf(dump, kDesc + ": invalid size "));
+}
+
+TEST_F(HidrawTest, DescriptorThatDoesNotParseFailsTheOpen)
+{
+    kemu::EmuHidDeviceConfig config = kemu::AdapterConfig();
+    config.reportDescriptor = {0x06, 0x00, 0xFF, 0xA1, 0x01, 0xB4, 0xC0}; // Pop without Push
+    kemu::EmuHidDevice& hid = Add(config);
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    std::string out;
+    out =
+        CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_VERBOSE, [&] { EXPECT_EQ(TSTATUS_FAILED, Open(itf, e, hid)); });
+    EXPECT_NE(std::string::npos, out.find(kOpen + ": HID report descriptor size: 7\n")) << out;
+    EXPECT_NE(std::string::npos, out.find("0000: 06 00 FF A1 01 B4 C0 ")) << "descriptor dump";
+    EXPECT_NE(std::string::npos, out.find(kOpen + ": parse HID report descriptor failed\n" + kClose)) << out;
+    EXPECT_FALSE(itf.IsOpen());
+    EXPECT_EQ(0u, itf.InputReportByteLength());
+}
+
+TEST_F(HidrawTest, SerialNumberLengthLimits)
+{
+    kemu::EmuHidDevice& s127 = Add(kemu::AdapterConfig(0x7A01, std::string(127, '7')));
+    kemu::EmuHidDevice& s128 = Add(kemu::AdapterConfig(0x7A02, std::string(128, '8')));
+    kemu::EmuHidDeviceConfig none = kemu::AdapterConfig(0x7A03, "");
+    none.serial.reset();
+    kemu::EmuHidDevice& s0 = Add(none);
+
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING,
+                                   [&] { ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, s127)); });
+    EXPECT_EQ("", out);
+    char buf[128];
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.GetSerialNumberString(buf, sizeof(buf)));
+    EXPECT_EQ(std::string(127, '7'), buf);
+    EXPECT_EQ(TSTATUS_BUFFER_TOO_SMALL, itf.GetSerialNumberString(buf, 127));
+    itf.CloseHidRawDevice();
+
+    // The record holds at most 127 characters, so a 128-character serial
+    // reaches the interface already cut to 127 and is kept as such.
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, IndexOf(e, s128)));
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.GetSerialNumberString(buf, sizeof(buf)));
+    EXPECT_EQ(std::string(127, '8'), buf);
+    itf.CloseHidRawDevice();
+
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, IndexOf(e, s0)));
+    out = CaptureTrace(0x7F, [&] { EXPECT_EQ(TSTATUS_NOT_SUPPORTED, itf.GetSerialNumberString(buf, sizeof(buf))); });
+    EXPECT_EQ("", out);
+}
+
+// ---- Device interface: reports ---------------------------------------------
+
+TEST_F(HidrawTest, CallsWhileClosedAreRefused)
+{
+    LxHidRawDeviceInterface itf;
+    LxHidRawReportBuffer buffer;
+    ASSERT_TRUE(buffer.AllocateBuffer(8));
+    int size = 5;
+    hidraw_report_descriptor d;
+    hidraw_devinfo info;
+    char text[16];
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
+        EXPECT_EQ(TSTATUS_NOT_OPENED, itf.WriteReport(buffer));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, itf.ReadReport(buffer));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, itf.ReadReportSync(buffer, 0));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, itf.IoctlGetReportDescriptorSize(size));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, itf.IoctlGetReportDescriptor(d, 10));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, itf.IoctlGetRawInfo(info));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, itf.IoctlGetRawName(text, sizeof(text)));
+        EXPECT_EQ(TSTATUS_NOT_OPENED, itf.IoctlGetPhysicalLocation(text, sizeof(text)));
+        EXPECT_FALSE(itf.IsConnected());
+    });
+    EXPECT_EQ(kWrite + ": not open\n" + kRead + ": not open\n" + kSync + ": not open\n" + kDescSize +
+                  ": not open\n" + kDesc + ": not open\n" + kRawInfo + ": not open\n" + kRawName + ": not open\n" +
+                  kPhys + ": not open\n" + kRawInfo + ": not open\n",
+              out);
+    EXPECT_FALSE(itf.IsNumberedInputReport());
+}
+
+TEST_F(HidrawTest, UnnumberedReadPutsDataAfterAZeroIdByte)
+{
+    kemu::EmuHidDevice& hid = Add();
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
+    LxHidRawReportBuffer buffer;
+    ASSERT_TRUE(buffer.AllocateBuffer(itf.InputReportByteLength()));
+    memset(buffer.Buffer(), 0xEE, buffer.BufferSize());
+
+    std::string out = CaptureTrace(0x7F, [&] { EXPECT_EQ(TSTATUS_NO_DATA, itf.ReadReport(buffer)); });
+    EXPECT_EQ("", out);
+    EXPECT_EQ(0u, buffer.BytesTransferred());
+
+    const auto report = Pattern(320, 3);
+    hid.InjectInputReport(report);
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.ReadReport(buffer));
+    EXPECT_EQ(321u, buffer.BytesTransferred());
+    EXPECT_EQ(0, buffer.GetReportId());
+    EXPECT_EQ(report, std::vector<T_UINT8>(buffer.ReportData(), buffer.ReportData() + 320));
+
+    // A short report: the count still includes the ID byte.
+    hid.InjectInputReport(Pattern(10, 50));
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.ReadReport(buffer));
+    EXPECT_EQ(11u, buffer.BytesTransferred());
+    EXPECT_EQ(50, buffer.ReportData()[0]);
+    EXPECT_EQ(TSTATUS_NO_DATA, itf.ReadReport(buffer));
+}
+
+TEST_F(HidrawTest, NumberedReadKeepsTheIdByteFromTheDevice)
+{
+    kemu::EmuHidDevice& hid = Add(kemu::NumberedAdapterConfig());
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
+    ASSERT_TRUE(itf.IsNumberedInputReport());
+    LxHidRawReportBuffer buffer;
+    ASSERT_TRUE(buffer.AllocateBuffer(itf.InputReportByteLength()));
+
+    std::vector<T_UINT8> report = Pattern(321, 9);
+    report[0] = 1;
+    hid.InjectInputReport(report);
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.ReadReportSync(buffer, 5000));
+    EXPECT_EQ(321u, buffer.BytesTransferred());
+    EXPECT_EQ(1, buffer.GetReportId());
+    EXPECT_EQ(report, std::vector<T_UINT8>(buffer.Buffer(), buffer.Buffer() + 321));
+}
+
+TEST_F(HidrawTest, ReadFailuresGiveErrnoStatus)
+{
+    kemu::EmuHidDevice& hid = Add();
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
+    LxHidRawReportBuffer buffer;
+    ASSERT_TRUE(buffer.AllocateBuffer(321));
+    hid.FailReads(EIO);
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TSTATUS_LINUX_EIO, itf.ReadReport(buffer)); });
+    EXPECT_EQ(kRead + ": read failed (5)\n", out);
+    EXPECT_EQ(0u, buffer.BytesTransferred());
+    hid.FailReads(0);
+    EXPECT_EQ(TSTATUS_NO_DATA, itf.ReadReport(buffer));
+}
+
+TEST_F(HidrawTest, WriteSendsTheWholeBufferIdByteFirst)
+{
+    kemu::EmuHidDevice& hid = Add();
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
+
+    std::mutex mutex;
+    std::vector<std::vector<T_UINT8>> written;
+    hid.SetWriteHook([&](const std::uint8_t* data, std::size_t length) {
+        std::lock_guard<std::mutex> lock(mutex);
+        written.emplace_back(data, data + length);
+    });
+    LxHidRawReportBuffer buffer;
+    ASSERT_TRUE(buffer.AllocateBuffer(itf.OutputReportByteLength()));
+    buffer.ZeroBuffer();
+    const auto payload = Pattern(320, 77);
+    std::copy(payload.begin(), payload.end(), buffer.ReportData());
+    buffer.SetBytesTransferred(12345);
+    ASSERT_EQ(TSTATUS_SUCCESS, itf.WriteReport(buffer));
+    EXPECT_EQ(321u, buffer.BytesTransferred());
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ASSERT_EQ(1u, written.size());
+        EXPECT_EQ(std::vector<T_UINT8>(buffer.Buffer(), buffer.Buffer() + 321), written[0]);
+        EXPECT_EQ(0, written[0][0]);
+    }
+
+    hid.FailWrites(EPIPE);
+    std::string out =
+        CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TStatusFromErrno(EPIPE), itf.WriteReport(buffer)); });
+    EXPECT_EQ(kWrite + ": write failed (32)\n", out);
+    EXPECT_EQ(0u, buffer.BytesTransferred());
+    hid.FailWrites(0);
+    hid.SetWriteHook(nullptr);
+}
+
+TEST_F(HidrawTest, ReadReportSyncWaitsTimesOutAndSeesUnplug)
+{
+    kemu::EmuHidDevice& hid = Add();
+    LxHidRawDeviceEnumerator e;
+    LxHidRawDeviceInterface itf;
+    ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
+    LxHidRawReportBuffer buffer;
+    ASSERT_TRUE(buffer.AllocateBuffer(itf.InputReportByteLength()));
+
+    std::string out =
+        CaptureTrace(KARVEX_TRACE_INFO, [&] { EXPECT_EQ(TSTATUS_TIMEOUT, itf.ReadReportSync(buffer, 0)); });
+    EXPECT_EQ(kSync + ": timeout after 0 ms\n", out);
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TSTATUS_TIMEOUT, itf.ReadReportSync(buffer, 20)); });
+    EXPECT_EQ("", out) << "the time-out line is information";
+
+    // A report that arrives while waiting.
+    std::thread sender([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        hid.InjectInputReport(Pattern(320, 1));
+    });
+    EXPECT_EQ(TSTATUS_SUCCESS, itf.ReadReportSync(buffer, 10000));
+    sender.join();
+    EXPECT_EQ(321u, buffer.BytesTransferred());
+    EXPECT_EQ(1, buffer.ReportData()[0]);
+
+    // Unplugged while waiting without limit: the wait ends with an error.
+    TSTATUS status = TSTATUS_SUCCESS;
+    std::thread reader([&] { status = itf.ReadReportSync(buffer, -1); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    hid.Unplug();
+    reader.join();
+    EXPECT_EQ(TSTATUS_LINUX_EIO, status);
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_EQ(TSTATUS_LINUX_EIO, itf.ReadReportSync(buffer, 1000)); });
+    EXPECT_TRUE(out == kSync + ": POLLERR event\n" || out == kRead + ": read failed (5)\n") << out;
+    EXPECT_FALSE(itf.IsConnected());
+}

@@ -1,0 +1,649 @@
+// HID report descriptor parser: report lengths and numbering, the item walk
+// and its failures, item data decoding, push/pop, the collection tree, and
+// descriptors built to hurt (huge usage ranges, items cut at the very end of
+// the buffer, thousands of pushes and nested collections).
+//
+// Every descriptor is parsed from a heap buffer of exactly its size, so an
+// ASan build reports any read beyond the descriptor.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "liblinux/HidReportDescriptorParser.h"
+#include "support/hid_trace_capture.h"
+
+using hid_test::CaptureTrace;
+using hid_test::CountOf;
+using hid_test::TraceMaskGuard;
+
+namespace {
+
+typedef std::vector<T_UINT8> Bytes;
+
+const std::string kParse = "bool HidReportDescriptorParser::Parse()";
+const std::string kMain = "bool HidReportDescriptorParser::ParseMainItem(unsigned int, unsigned int, const T_UINT8*)";
+const std::string kGlobal =
+    "bool HidReportDescriptorParser::ParseGlobalItem(unsigned int, unsigned int, const T_UINT8*)";
+const std::string kLocal = "bool HidReportDescriptorParser::ParseLocalItem(unsigned int, unsigned int, const T_UINT8*)";
+
+// A descriptor in its own exactly sized heap block, and a parser over it.
+class Descriptor {
+public:
+    explicit Descriptor(const Bytes& bytes)
+        : mBytes(new T_UINT8[bytes.size()]), mSize(static_cast<unsigned>(bytes.size())), mParser(mBytes.get(), mSize)
+    {
+        std::copy(bytes.begin(), bytes.end(), mBytes.get());
+    }
+    HidReportDescriptorParser& operator*() { return mParser; }
+    HidReportDescriptorParser* operator->() { return &mParser; }
+
+private:
+    std::unique_ptr<T_UINT8[]> mBytes;
+    unsigned mSize;
+    HidReportDescriptorParser mParser;
+};
+
+Bytes Cat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes& p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+// Short items.
+Bytes ReportSize(T_UINT8 bits) { return {0x75, bits}; }
+Bytes ReportCount(T_UINT8 n) { return {0x95, n}; }
+Bytes ReportId(T_UINT8 id) { return {0x85, id}; }
+Bytes Input() { return {0x81, 0x02}; }
+Bytes Output() { return {0x91, 0x02}; }
+Bytes Feature() { return {0xB1, 0x02}; }
+Bytes Collection(T_UINT8 type) { return {0xA1, type}; }
+Bytes EndCollection() { return {0xC0}; }
+Bytes Push() { return {0xA4}; }
+Bytes Pop() { return {0xB4}; }
+
+// Fields of bits each, count of them, as one Input item.
+Bytes InputBits(T_UINT8 bits, T_UINT8 count) { return Cat({ReportSize(bits), ReportCount(count), Input()}); }
+
+unsigned ItemCount(HidCollection* c)
+{
+    unsigned n = 0;
+    for (HidTreeItem* i = c->mSubItemList.Head(); i != nullptr; i = c->mSubItemList.Next(i))
+        ++n;
+    return n;
+}
+
+class ParserTest : public ::testing::Test {
+protected:
+    // Quiet by default; tests that check trace lines capture with their own mask.
+    TraceMaskGuard mMask{0};
+};
+
+} // namespace
+
+// ---- Report lengths and numbering --------------------------------------
+
+TEST_F(ParserTest, EmptyDescriptorParsesWithNoReports)
+{
+    Descriptor d(Bytes{});
+    EXPECT_TRUE(d->Parse());
+    EXPECT_EQ(0u, d->MaxInputReportByteLength());
+    EXPECT_EQ(0u, d->MaxOutputReportByteLength());
+    EXPECT_EQ(0u, d->GetMaxReportSize(HidReportType_Feature));
+    EXPECT_FALSE(d->IsNumberedInputReport());
+    EXPECT_EQ(nullptr, d->LookupHidReport(HidReportType_Input, 0));
+
+    HidReportDescriptorParser nullParser(nullptr, 0);
+    EXPECT_TRUE(nullParser.Parse());
+    EXPECT_EQ(0u, nullParser.MaxInputReportByteLength());
+}
+
+TEST_F(ParserTest, UnnumberedInputOf64Bytes)
+{
+    Descriptor d(InputBits(8, 64));
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(64u, d->MaxInputReportByteLength());
+    EXPECT_EQ(0u, d->MaxOutputReportByteLength());
+    EXPECT_FALSE(d->IsNumberedInputReport());
+    HidReport* r = d->LookupHidReport(HidReportType_Input, 0);
+    ASSERT_NE(nullptr, r);
+    EXPECT_EQ(512u, r->mSize);
+    EXPECT_EQ(0u, r->mId);
+}
+
+TEST_F(ParserTest, NumberedInputDoesNotCountTheIdByte)
+{
+    Descriptor d(Cat({ReportId(1), InputBits(8, 63)}));
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(63u, d->MaxInputReportByteLength());
+    EXPECT_TRUE(d->IsNumberedInputReport());
+    EXPECT_EQ(nullptr, d->LookupHidReport(HidReportType_Input, 0));
+}
+
+TEST_F(ParserTest, BitLengthsRoundUpToWholeBytes)
+{
+    Descriptor d(Cat({InputBits(12, 3), ReportSize(1), ReportCount(9), Output()}));
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(36u, d->GetMaxReportSize(HidReportType_Input));
+    EXPECT_EQ(5u, d->MaxInputReportByteLength());
+    EXPECT_EQ(2u, d->MaxOutputReportByteLength());
+}
+
+TEST_F(ParserTest, ReportsAreKeptPerTypeAndId)
+{
+    Descriptor d(Cat({ReportId(1), InputBits(8, 10), InputBits(8, 5),  // 15 bytes in report 1
+                      ReportId(2), InputBits(8, 20), Output(),          // 20 in, 20 out in report 2
+                      ReportId(1), InputBits(8, 4),                     // report 1 comes back: 19
+                      ReportId(3), InputBits(8, 100), Feature()}));     // feature never counts as input
+    ASSERT_TRUE(d->Parse());
+    HidReport* in1 = d->LookupHidReport(HidReportType_Input, 1);
+    HidReport* in2 = d->LookupHidReport(HidReportType_Input, 2);
+    HidReport* out2 = d->LookupHidReport(HidReportType_Output, 2);
+    HidReport* feat3 = d->LookupHidReport(HidReportType_Feature, 3);
+    ASSERT_TRUE(in1 && in2 && out2 && feat3);
+    EXPECT_EQ(19u * 8, in1->mSize);
+    EXPECT_EQ(20u * 8, in2->mSize);
+    EXPECT_EQ(20u * 8, out2->mSize);
+    EXPECT_EQ(100u * 8, feat3->mSize);
+    EXPECT_EQ(100u, d->LookupHidReport(HidReportType_Input, 3)->mSize / 8);
+    EXPECT_EQ(100u, d->MaxInputReportByteLength());
+    EXPECT_EQ(20u, d->MaxOutputReportByteLength());
+    EXPECT_EQ(nullptr, d->LookupHidReport(HidReportType_Output, 1));
+    EXPECT_TRUE(d->IsNumberedInputReport());
+}
+
+TEST_F(ParserTest, OnlyANonZeroInputIdMakesInputNumbered)
+{
+    // Output is numbered, input is not.
+    Descriptor d(Cat({InputBits(8, 4), ReportId(7), ReportSize(8), ReportCount(4), Output()}));
+    ASSERT_TRUE(d->Parse());
+    EXPECT_FALSE(d->IsNumberedInputReport());
+    EXPECT_EQ(4u, d->MaxOutputReportByteLength());
+}
+
+TEST_F(ParserTest, ReportIdZeroIsRejectedInEveryWidth)
+{
+    for (const Bytes& item : {Bytes{0x84}, Bytes{0x85, 0x00}, Bytes{0x86, 0x00, 0x00}}) {
+        Descriptor d(Cat({InputBits(8, 2), item, InputBits(8, 3)}));
+        std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); });
+        EXPECT_EQ(kGlobal + ": invalid report id:0\n" + kParse + ": ParseGlobalItem failed (bTag:0x08)\n", out);
+        // What was built before the failure is still answered from.
+        EXPECT_EQ(2u, d->MaxInputReportByteLength());
+    }
+}
+
+TEST_F(ParserTest, ReportSizeAbove32FailsAfterBeingStored)
+{
+    Descriptor ok(Cat({InputBits(32, 2)}));
+    EXPECT_TRUE(ok->Parse());
+    EXPECT_EQ(8u, ok->MaxInputReportByteLength());
+
+    Descriptor d(Cat({InputBits(8, 1), ReportSize(33), Input()}));
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); });
+    EXPECT_EQ(kGlobal + ": invalid report size:33\n" + kParse + ": ParseGlobalItem failed (bTag:0x07)\n", out);
+    EXPECT_EQ(33u, d->CurrentGlobal().mReportSize);
+    EXPECT_EQ(1u, d->MaxInputReportByteLength());
+}
+
+TEST_F(ParserTest, HugeCountsWrapModulo32BitsWithoutFailing)
+{
+    // 32 x 0xFFFFFFFF bits; the sum is kept in 32 bits and the device object
+    // refuses what comes out.
+    Descriptor d(Cat({ReportSize(32), Bytes{0x97, 0xFF, 0xFF, 0xFF}, Bytes{0x80}}));
+    // Report Count bSize 3 decodes the following prefix byte (0x80, an Input
+    // item without data) as its top byte.
+    ASSERT_TRUE(d->Parse());
+    const T_UINT32 count = 0x80FFFFFFu;
+    const T_UINT32 bits = count * 32u;
+    EXPECT_EQ(count, d->CurrentGlobal().mReportCount);
+    EXPECT_EQ(bits, d->GetMaxReportSize(HidReportType_Input));
+    EXPECT_EQ(static_cast<T_UINT32>(bits + 7u) / 8u, d->MaxInputReportByteLength());
+}
+
+// ---- Item data decoding -------------------------------------------------
+
+TEST(ParserData, DecodersByItemSize)
+{
+    const T_UINT8 b[4] = {0xFE, 0xFF, 0x34, 0x92};
+    EXPECT_EQ(0u, HidReportDescriptorParser::GetUnsignedData(0, b));
+    EXPECT_EQ(0xFEu, HidReportDescriptorParser::GetUnsignedData(1, b));
+    EXPECT_EQ(0xFFFEu, HidReportDescriptorParser::GetUnsignedData(2, b));
+    EXPECT_EQ(0x9234FFFEu, HidReportDescriptorParser::GetUnsignedData(3, b));
+    EXPECT_EQ(0, HidReportDescriptorParser::GetSignedData(0, b));
+    EXPECT_EQ(254, HidReportDescriptorParser::GetSignedData(1, b)); // one byte is never negative
+    EXPECT_EQ(-2, HidReportDescriptorParser::GetSignedData(2, b));
+    EXPECT_EQ(static_cast<T_INT32>(0x9234FFFEu), HidReportDescriptorParser::GetSignedData(3, b));
+    const T_UINT8 p[4] = {0x00, 0x7F, 0, 0};
+    EXPECT_EQ(0x7F00, HidReportDescriptorParser::GetSignedData(2, p));
+}
+
+TEST_F(ParserTest, OneByteMinimumIsUnsigned)
+{
+    Descriptor d(Bytes{0x15, 0xFF, 0x25, 0x10, 0x35, 0x81, 0x55, 0xFE});
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(255, d->CurrentGlobal().mLogicalMinimum);
+    EXPECT_EQ(16, d->CurrentGlobal().mLogicalMaximum);
+    EXPECT_EQ(129, d->CurrentGlobal().mPhysicalMinimum);
+    EXPECT_EQ(254, d->CurrentGlobal().mUnitExponent);
+}
+
+TEST_F(ParserTest, MaximumIsSignedOnlyAfterANegativeMinimum)
+{
+    // Logical: minimum -32767, maximum 0x8000 -> -32768 (signed).
+    // Physical: minimum 0, maximum 0x8000 -> 32768 (unsigned).
+    Descriptor d(Bytes{0x16, 0x01, 0x80, 0x26, 0x00, 0x80, 0x36, 0x00, 0x00, 0x46, 0x00, 0x80});
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(-32767, d->CurrentGlobal().mLogicalMinimum);
+    EXPECT_EQ(-32768, d->CurrentGlobal().mLogicalMaximum);
+    EXPECT_EQ(0, d->CurrentGlobal().mPhysicalMinimum);
+    EXPECT_EQ(32768, d->CurrentGlobal().mPhysicalMaximum);
+
+    Descriptor p(Bytes{0x36, 0xFF, 0xFF, 0x46, 0xFE, 0xFF, 0x65, 0x11, 0x06, 0x34, 0x12});
+    ASSERT_TRUE(p->Parse());
+    EXPECT_EQ(-1, p->CurrentGlobal().mPhysicalMinimum);
+    EXPECT_EQ(-2, p->CurrentGlobal().mPhysicalMaximum);
+    EXPECT_EQ(0x11u, p->CurrentGlobal().mUnit);
+    EXPECT_EQ(0x1234u, p->CurrentGlobal().mUsagePage);
+}
+
+TEST_F(ParserTest, FourByteItemAdvancesThreeBytesButDecodesFour)
+{
+    // Report Count (bSize 3) 02 00 00; its fourth decoded byte is the next
+    // item's prefix (0x75), which is then parsed as an item of its own.
+    Descriptor d(Bytes{0x97, 0x02, 0x00, 0x00, 0x75, 0x08, 0x81, 0x02});
+    ASSERT_TRUE(d->Parse());
+    const T_UINT32 count = 0x75000002u;
+    EXPECT_EQ(count, d->CurrentGlobal().mReportCount);
+    EXPECT_EQ(8u, d->CurrentGlobal().mReportSize);
+    EXPECT_EQ(count * 8u, d->GetMaxReportSize(HidReportType_Input));
+}
+
+TEST_F(ParserTest, FourByteItemAtTheVeryEndReadsNothingBeyondTheDescriptor)
+{
+    // The last item's decoder wants a byte after the end: it reads as zero.
+    Descriptor d(Cat({InputBits(8, 4), Bytes{0x07, 0x01, 0x02, 0x03}}));
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(0x00030201u, d->CurrentGlobal().mUsagePage);
+    EXPECT_EQ(4u, d->MaxInputReportByteLength());
+
+    // The same for a 4-byte item that is the whole descriptor, and one that
+    // is cut short by a byte.
+    Descriptor only(Bytes{0x97, 0xAA, 0xBB, 0xCC});
+    ASSERT_TRUE(only->Parse());
+    EXPECT_EQ(0x00CCBBAAu, only->CurrentGlobal().mReportCount);
+    Descriptor cut(Bytes{0x97, 0xAA, 0xBB});
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(cut->Parse()); });
+    EXPECT_EQ(kParse + ": invalid item size:4\n", out);
+}
+
+// ---- The item walk and its failures ----------------------------------------
+
+TEST_F(ParserTest, TruncatedItemsFailWithTheirSize)
+{
+    struct Case {
+        Bytes bytes;
+        unsigned itemSize;
+    } cases[] = {
+        {{0x75}, 2},                         // only the prefix of a 1-byte item
+        {{0x95, 0x01, 0x76, 0x08}, 3},       // 2-byte item, one byte left
+        {Cat({InputBits(8, 8), Bytes{0x81}}), 2},
+    };
+    for (const Case& c : cases) {
+        Descriptor d(c.bytes);
+        std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); });
+        EXPECT_EQ(kParse + ": invalid item size:" + std::to_string(c.itemSize) + "\n", out);
+    }
+}
+
+TEST_F(ParserTest, LongItemIsSkippedAndParsingGoesOn)
+{
+    Descriptor d(Cat({Bytes{0xFE, 0x03, 0x10, 0xAA, 0xBB, 0xCC}, InputBits(8, 3)}));
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_VERBOSE, [&] { EXPECT_TRUE(d->Parse()); });
+    EXPECT_EQ(0u, out.find(kParse + ": long item: main (bSize:2 bTag:0x0f)\n" + kParse +
+                           ": long item: bDataSize:3 bLongItemTag:0x10\n"))
+        << out;
+    EXPECT_EQ(3u, d->MaxInputReportByteLength());
+
+    // The data-size line belongs to the error class.
+    Descriptor e(Bytes{0xFE, 0x00, 0x22});
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_TRUE(e->Parse()); });
+    EXPECT_EQ(kParse + ": long item: bDataSize:0 bLongItemTag:0x22\n", out);
+}
+
+TEST_F(ParserTest, LongItemAnnouncingMoreDataThanIsLeftEndsTheDescriptor)
+{
+    Descriptor d(Cat({InputBits(8, 2), Bytes{0xFE, 0xFF, 0x01, 0x00, 0x00}}));
+    EXPECT_TRUE(d->Parse());
+    EXPECT_EQ(2u, d->MaxInputReportByteLength());
+    // Header only, no data at all.
+    Descriptor h(Bytes{0xFE, 0x10, 0x01});
+    EXPECT_TRUE(h->Parse());
+}
+
+TEST_F(ParserTest, LongItemWithWrongSizeOrTagFails)
+{
+    Descriptor wrongSize(Bytes{0xFD, 0x00}); // type 3, tag 15, bSize 1
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(wrongSize->Parse()); });
+    EXPECT_EQ(kParse + ": invalid bSize:0x01\n", out);
+
+    Descriptor wrongTag(Bytes{0xEE, 0x00, 0x00}); // type 3, tag 14, bSize 2
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(wrongTag->Parse()); });
+    EXPECT_EQ(kParse + ": invalid bTag:0x0e\n", out);
+
+    // bSize 3 at the end of the buffer: the size check comes first.
+    Descriptor cut(Bytes{0xFF, 0x00});
+    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(cut->Parse()); });
+    EXPECT_EQ(kParse + ": invalid item size:4\n", out);
+}
+
+TEST_F(ParserTest, UnknownTagsAreAcceptedWithoutEffect)
+{
+    // Main tag 13, global tags 12 and 15, local tag 5 (designator index).
+    Descriptor d(Cat({InputBits(8, 2), Bytes{0xD0, 0xC5, 0x01, 0xF4, 0x59, 0x03}, Input()}));
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(4u, d->MaxInputReportByteLength());
+}
+
+TEST_F(ParserTest, VerboseTraceOfEachItem)
+{
+    Descriptor d(Bytes{0x05, 0x01, 0x09, 0x02, 0x15, 0xFF, 0x85, 0x03, 0x75, 0x08, 0x95, 0x02, 0x81, 0x02,
+                       0x19, 0x01, 0x29, 0x03, 0xA4, 0xB4, 0x91, 0x00, 0xB1, 0x00});
+    std::string out = CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { EXPECT_TRUE(d->Parse()); });
+    const std::string expected =
+        kParse + ": short item: global (bSize:1 bTag:0x00)\n" +
+        kGlobal + ": usage page:1 'Generic Desktop'\n" +
+        kParse + ": short item: locale (bSize:1 bTag:0x00)\n" +
+        kLocal + ": page:1 usage:2\n" +
+        kParse + ": short item: global (bSize:1 bTag:0x01)\n" +
+        kGlobal + ": logical minimum:255\n" +
+        kParse + ": short item: global (bSize:1 bTag:0x08)\n" +
+        kGlobal + ": report id:3\n" +
+        kParse + ": short item: global (bSize:1 bTag:0x07)\n" +
+        kGlobal + ": report size:8\n" +
+        kParse + ": short item: global (bSize:1 bTag:0x09)\n" +
+        kGlobal + ": report count:2\n" +
+        kParse + ": short item: main (bSize:1 bTag:0x08)\n" +
+        kMain + ": new input report (id:3 size:8 count:2)\n" +
+        kParse + ": short item: locale (bSize:1 bTag:0x01)\n" +
+        kLocal + ": page:1 usage minimum:1\n" +
+        kParse + ": short item: locale (bSize:1 bTag:0x02)\n" +
+        kLocal + ": page:1 usage maximum:3\n" +
+        kParse + ": short item: global (bSize:0 bTag:0x0a)\n" +
+        kGlobal + ": push\n" +
+        kParse + ": short item: global (bSize:0 bTag:0x0b)\n" +
+        kGlobal + ": pop\n" +
+        kParse + ": short item: main (bSize:1 bTag:0x09)\n" +
+        kMain + ": new output report (id:3 size:8 count:2)\n" +
+        kParse + ": short item: main (bSize:1 bTag:0x0b)\n" +
+        kMain + ": new feature report (id:3 size:8 count:2)\n";
+    EXPECT_EQ(expected, out);
+
+    // The remaining global traces.
+    Descriptor g(Bytes{0x25, 0x7F, 0x35, 0x02, 0x45, 0x09, 0x55, 0x0E, 0x65, 0x13});
+    out = CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { EXPECT_TRUE(g->Parse()); });
+    for (const char* line : {": logical maximum:127\n", ": physical minimum:2\n", ": physical maximum:9\n",
+                             ": unit exponent:14\n", ": unit:19\n"})
+        EXPECT_NE(std::string::npos, out.find(kGlobal + line)) << line;
+}
+
+TEST_F(ParserTest, ReparseStartsFromScratch)
+{
+    Descriptor d(Cat({Push(), ReportId(2), InputBits(8, 6), Collection(1)}));
+    ASSERT_TRUE(d->Parse());
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(6u, d->MaxInputReportByteLength());
+    EXPECT_EQ(48u, d->LookupHidReport(HidReportType_Input, 2)->mSize);
+    EXPECT_EQ(2u, ItemCount(d->TopCollection()));
+    d->Free();
+    d->Free();
+    EXPECT_EQ(0u, d->MaxInputReportByteLength());
+    EXPECT_TRUE(d->TopCollection()->mSubItemList.IsEmpty());
+    EXPECT_EQ(0u, d->CurrentGlobal().mReportId);
+}
+
+// ---- Push and Pop -------------------------------------------------------
+
+TEST_F(ParserTest, PopRestoresTheStateBeforePush)
+{
+    Descriptor d(Cat({ReportId(1), ReportSize(8), ReportCount(4), Push(), ReportId(2), ReportSize(16),
+                      ReportCount(10), Input(), Pop(), Input()}));
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(160u, d->LookupHidReport(HidReportType_Input, 2)->mSize);
+    EXPECT_EQ(32u, d->LookupHidReport(HidReportType_Input, 1)->mSize);
+    EXPECT_EQ(1u, d->CurrentGlobal().mReportId);
+    EXPECT_EQ(8u, d->CurrentGlobal().mReportSize);
+    EXPECT_EQ(4u, d->CurrentGlobal().mReportCount);
+}
+
+TEST_F(ParserTest, NestedPushPopReturnsLevelByLevel)
+{
+    Descriptor d(Cat({ReportSize(1), Push(), ReportSize(2), Push(), ReportSize(3), Pop()}));
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(2u, d->CurrentGlobal().mReportSize);
+    Descriptor e(Cat({ReportSize(1), Push(), ReportSize(2), Push(), ReportSize(3), Pop(), Pop()}));
+    ASSERT_TRUE(e->Parse());
+    EXPECT_EQ(1u, e->CurrentGlobal().mReportSize);
+}
+
+TEST_F(ParserTest, PopWithoutPushFails)
+{
+    Descriptor d(Cat({InputBits(8, 3), Push(), Pop(), Pop(), InputBits(8, 9)}));
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); });
+    EXPECT_EQ(kGlobal + ": stack underflow\n" + kParse + ": ParseGlobalItem failed (bTag:0x0b)\n", out);
+    EXPECT_EQ(3u, d->MaxInputReportByteLength());
+}
+
+TEST_F(ParserTest, ThousandsOfPushesAreFreedWithoutTrouble)
+{
+    Bytes bytes = ReportSize(8);
+    bytes.insert(bytes.end(), 4000, 0xA4);
+    Bytes tail = Cat({ReportCount(7), Input()});
+    bytes.insert(bytes.end(), tail.begin(), tail.end());
+    bytes.insert(bytes.end(), 60, 0xB4);
+    {
+        Descriptor d(bytes);
+        ASSERT_TRUE(d->Parse());
+        EXPECT_EQ(7u, d->MaxInputReportByteLength());
+        EXPECT_EQ(8u, d->CurrentGlobal().mReportSize);
+        ASSERT_TRUE(d->Parse()); // frees the first stack
+    } // and the destructor the second
+}
+
+// ---- Collections --------------------------------------------------------
+
+TEST_F(ParserTest, CollectionTreeFollowsTheDescriptor)
+{
+    // Application { in 16; Logical { in 24; out 32 } in 8 } ; feature 8 at top level
+    Descriptor d(Cat({Collection(1), InputBits(8, 2), Collection(2), InputBits(8, 3), ReportCount(4), Output(),
+                      EndCollection(), InputBits(8, 1), EndCollection(), Feature()}));
+    ASSERT_TRUE(d->Parse());
+    HidCollection* top = d->TopCollection();
+    EXPECT_EQ(nullptr, top->mItem.mParentCollection);
+    EXPECT_EQ(0u, top->mType);
+
+    HidTreeItem* first = top->mSubItemList.Head();
+    ASSERT_NE(nullptr, first);
+    ASSERT_EQ(HidTreeItem_Collection, first->mType);
+    HidCollection* app = HidCollection::FromItem(first);
+    EXPECT_EQ(1u, app->mType);
+    EXPECT_EQ(top, app->mItem.mParentCollection);
+    HidTreeItem* feature = top->mSubItemList.Next(first);
+    ASSERT_NE(nullptr, feature);
+    EXPECT_EQ(HidTreeItem_Report, feature->mType);
+    EXPECT_EQ(HidReportType_Feature, HidReportItem::FromItem(feature)->mReportType);
+    EXPECT_EQ(nullptr, top->mSubItemList.Next(feature));
+
+    // Inside the application collection: report, collection, report.
+    HidTreeItem* a0 = app->mSubItemList.Head();
+    HidTreeItem* a1 = app->mSubItemList.Next(a0);
+    HidTreeItem* a2 = app->mSubItemList.Next(a1);
+    ASSERT_TRUE(a0 && a1 && a2);
+    EXPECT_EQ(nullptr, app->mSubItemList.Next(a2));
+    EXPECT_EQ(HidTreeItem_Report, a0->mType);
+    ASSERT_EQ(HidTreeItem_Collection, a1->mType);
+    EXPECT_EQ(HidTreeItem_Report, a2->mType);
+    HidCollection* logical = HidCollection::FromItem(a1);
+    EXPECT_EQ(2u, logical->mType);
+    EXPECT_EQ(app, logical->mItem.mParentCollection);
+    // The report item keeps the global state of its time.
+    const HidReportItem* r0 = HidReportItem::FromItem(a0);
+    EXPECT_EQ(2u, r0->mGlobal.mReportCount);
+    EXPECT_EQ(app, a0->mParentCollection);
+
+    EXPECT_EQ(48u, d->GetReportLengthInBitForCollection(top, HidReportType_Input, 0));
+    EXPECT_EQ(48u, d->GetReportLengthInBitForCollection(app, HidReportType_Input, 0));
+    EXPECT_EQ(24u, d->GetReportLengthInBitForCollection(logical, HidReportType_Input, 0));
+    EXPECT_EQ(32u, d->GetReportLengthInBitForCollection(top, HidReportType_Output, 0));
+    EXPECT_EQ(8u, d->GetReportLengthInBitForCollection(top, HidReportType_Feature, 0));
+    EXPECT_EQ(0u, d->GetReportLengthInBitForCollection(app, HidReportType_Feature, 0));
+    EXPECT_EQ(0u, d->GetReportLengthInBitForCollection(top, HidReportType_Input, 1));
+    EXPECT_EQ(0u, d->GetReportLengthInBitForCollection(nullptr, HidReportType_Input, 0));
+}
+
+TEST_F(ParserTest, CollectionLengthsArePerReportId)
+{
+    Descriptor d(Cat({Collection(1), ReportId(1), InputBits(8, 2), Collection(0), ReportId(2), InputBits(8, 5),
+                      ReportId(1), InputBits(4, 2), EndCollection(), EndCollection()}));
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(24u, d->GetReportLengthInBitForCollection(d->TopCollection(), HidReportType_Input, 1));
+    EXPECT_EQ(40u, d->GetReportLengthInBitForCollection(d->TopCollection(), HidReportType_Input, 2));
+    EXPECT_EQ(0u, d->GetReportLengthInBitForCollection(d->TopCollection(), HidReportType_Input, 0));
+}
+
+TEST_F(ParserTest, CollectionTypeComesFromTheFirstDataByte)
+{
+    Descriptor d(Bytes{0xA0, 0xC0, 0xA2, 0x05, 0x01, 0xC0});
+    ASSERT_TRUE(d->Parse());
+    HidTreeItem* c0 = d->TopCollection()->mSubItemList.Head();
+    HidTreeItem* c1 = d->TopCollection()->mSubItemList.Next(c0);
+    ASSERT_TRUE(c0 && c1);
+    EXPECT_EQ(0u, HidCollection::FromItem(c0)->mType);
+    EXPECT_EQ(5u, HidCollection::FromItem(c1)->mType);
+}
+
+TEST_F(ParserTest, EndCollectionAtTopFailsMissingEndIsAccepted)
+{
+    Descriptor under(Cat({Collection(1), EndCollection(), EndCollection()}));
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(under->Parse()); });
+    EXPECT_EQ(kMain + ": collection underflow\n" + kParse + ": ParseMainItem failed (bTag:0x0c)\n", out);
+
+    Descriptor open(Cat({Collection(1), Collection(2), InputBits(8, 3)}));
+    EXPECT_TRUE(open->Parse());
+    EXPECT_EQ(3u, open->MaxInputReportByteLength());
+}
+
+TEST_F(ParserTest, DeeplyNestedCollectionsAreWalkedAndFreedIteratively)
+{
+    // 4000 nested one-byte Collection items and an Input at the bottom.
+    Bytes bytes(4000, 0xA0);
+    Bytes tail = InputBits(8, 2);
+    bytes.insert(bytes.end(), tail.begin(), tail.end());
+    {
+        Descriptor d(bytes);
+        ASSERT_TRUE(d->Parse());
+        EXPECT_EQ(16u, d->GetReportLengthInBitForCollection(d->TopCollection(), HidReportType_Input, 0));
+        // Depth check: follow the first child 4000 times.
+        HidCollection* c = d->TopCollection();
+        unsigned depth = 0;
+        while (c->mSubItemList.Head() && c->mSubItemList.Head()->mType == HidTreeItem_Collection) {
+            c = HidCollection::FromItem(c->mSubItemList.Head());
+            ++depth;
+        }
+        EXPECT_EQ(4000u, depth);
+        EXPECT_EQ(16u, d->GetReportLengthInBitForCollection(c, HidReportType_Input, 0));
+    }
+
+    // Balanced deep nesting with reports on every level and the way back up.
+    Bytes balanced;
+    for (int i = 0; i < 600; ++i) {
+        Bytes b = Cat({Collection(1), Bytes{0x81, 0x00}});
+        balanced.insert(balanced.end(), b.begin(), b.end());
+    }
+    balanced.insert(balanced.begin(), {0x75, 0x01, 0x95, 0x01});
+    balanced.insert(balanced.end(), 600, 0xC0);
+    Descriptor b(balanced);
+    ASSERT_TRUE(b->Parse());
+    EXPECT_EQ(600u, b->GetReportLengthInBitForCollection(b->TopCollection(), HidReportType_Input, 0));
+    EXPECT_EQ(75u, b->MaxInputReportByteLength());
+}
+
+// ---- Usages ---------------------------------------------------------------
+
+TEST_F(ParserTest, DescriptorsFullOfHugeUsageRangesParse)
+{
+    // Usage Page 0xFFFF makes a 2-byte Usage Maximum FFFF -> usage 0xFFFFFFFF.
+    // 1) One minimum of 0 that stays in force, then a 4 KiB run of maxima.
+    Bytes single = {0x06, 0xFF, 0xFF, 0x1B, 0x00, 0x00, 0x00}; // min (bSize 3) = next prefix << 24 = 0x2A000000
+    while (single.size() + 3 <= 4095 - 6)
+        single.insert(single.end(), {0x2A, 0xFF, 0xFF});
+    Bytes in = InputBits(8, 1);
+    single.insert(single.end(), in.begin(), in.end());
+    while (single.size() < 4095)
+        single.push_back(0xA4); // Push: one byte each
+    ASSERT_EQ(4095u, single.size());
+    Descriptor d(single);
+    ASSERT_TRUE(d->Parse());
+    EXPECT_EQ(1u, d->MaxInputReportByteLength());
+
+    // 2) Minimum/maximum pairs: minimum 0 on page 0, maximum 0xFFFF on page
+    //    0xFFFF; the last bytes are local items with an unused tag.
+    Bytes pairs;
+    while (pairs.size() + 10 <= 4095)
+        pairs.insert(pairs.end(), {0x05, 0x00, 0x19, 0x00, 0x06, 0xFF, 0xFF, 0x2A, 0xFF, 0xFF});
+    while (pairs.size() < 4095)
+        pairs.push_back(0x58);
+    Descriptor p(pairs);
+    EXPECT_TRUE(p->Parse());
+    EXPECT_EQ(0xFFFFu, p->CurrentGlobal().mUsagePage);
+
+    // 3) The same with verbose tracing on (every item traced, still bounded).
+    std::string out = CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { EXPECT_TRUE(p->Parse()); });
+    EXPECT_EQ(4095u / 10, CountOf(out, ": page:65535 usage maximum:65535\n"));
+}
+
+TEST_F(ParserTest, UsageRangeTraceShowsPageAndRawData)
+{
+    Descriptor d(Bytes{0x05, 0x09, 0x19, 0x01, 0x2A, 0x00, 0x01, 0x0B, 0x01, 0x00, 0x09, 0x00});
+    std::string out = CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { EXPECT_TRUE(d->Parse()); });
+    EXPECT_NE(std::string::npos, out.find(kLocal + ": page:9 usage minimum:1\n"));
+    EXPECT_NE(std::string::npos, out.find(kLocal + ": page:9 usage maximum:256\n"));
+    // A 4-byte usage is traced raw: 01 00 09 and the next prefix 00.
+    EXPECT_NE(std::string::npos, out.find(kLocal + ": page:9 usage:589825\n"));
+}
+
+TEST(ParserUsagePages, Names)
+{
+    struct {
+        unsigned page;
+        const char* name;
+    } const cases[] = {
+        {0x00, "Undefined"},          {0x01, "Generic Desktop"},
+        {0x02, "Simulation"},         {0x03, "VR"},
+        {0x04, "Sport"},              {0x05, "Game"},
+        {0x06, "Generic Device"},     {0x07, "Keyboard"},
+        {0x08, "LED"},                {0x09, "Button"},
+        {0x0A, "Ordinal"},            {0x0B, "Telephony"},
+        {0x0C, "Consumer"},           {0x0D, "Digitizer"},
+        {0x0E, "reserved"},           {0x0F, "PID"},
+        {0x10, "Unicode"},            {0x11, "reserved"},
+        {0x13, "reserved"},           {0x14, "Alphanumeric Display"},
+        {0x15, "reserved"},           {0x3F, "reserved"},
+        {0x40, "Medical Instruments"}, {0x41, "reserved"},
+        {0x7F, "reserved"},           {0x80, "Monitor"},
+        {0x83, "Monitor"},            {0x84, "Power"},
+        {0x87, "Power"},              {0x88, "reserved"},
+        {0x8B, "reserved"},           {0x8C, "Bar Code Scanner"},
+        {0x8D, "Scale"},              {0x8E, "Magnetic Stripe Reading (MSR)"},
+        {0x8F, "Reserved Point of Sale"}, {0x90, "Camera Control"},
+        {0x91, "Arcade"},             {0x92, "reserved"},
+        {0xFEFF, "reserved"},         {0xFF00, "vendor specific"},
+        {0xFFFF, "vendor specific"},  {0x10000, "invalid"},
+        {0xFFFFFFFF, "invalid"},
+    };
+    for (const auto& c : cases)
+        EXPECT_STREQ(c.name, HidReportDescriptorParser::GetUsagePageStr(c.page)) << std::hex << c.page;
+}
