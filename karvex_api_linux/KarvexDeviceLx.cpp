@@ -32,6 +32,7 @@ KarvexDevice::KarvexDevice()
       mPinEventCallbackContext(nullptr),
       mUniqueId(0),
       mPinEventControlMutex(true),
+      mEventQueueGate(true),
       mPinEventThreadId(0)
 {
     mReaderThreadForwarder.Init(this, &KarvexDevice::ReadThreadRoutine);
@@ -133,6 +134,12 @@ TSTATUS KarvexDevice::Open(KarvexDeviceEnumerator& enumerator, unsigned int devi
 
 void KarvexDevice::Close()
 {
+    if (IsPinEventThread()) {
+        // Stopping the pin event thread from inside its own callback would
+        // join itself and free the buffer the callback's event came from.
+        PXTRACE_ERROR("%s: not allowed from inside the pin event callback\n");
+        return;
+    }
     {
         PxMutexLock control(mPinEventControlMutex);
         StopPinEventThread();
@@ -176,6 +183,10 @@ TSTATUS KarvexDevice::AllocateResources()
         PXTRACE_ERROR("%s: mResponseQueue.Allocate failed, err = 0x%08X\n", static_cast<unsigned int>(st));
         return st;
     }
+    // The last Close set the queue's event to release a waiting command, and
+    // allocating does not reset it: a command of the reopened device would
+    // find it set with nothing queued and spin through its waits.
+    mResponseQueue.Clear();
     return TSTATUS_SUCCESS;
 }
 
@@ -244,23 +255,28 @@ void KarvexDevice::BuildCommand(T_UINT8 code, T_UINT16 length)
     header->uniqueId = UniqueId();
 }
 
-TSTATUS KarvexDevice::CheckResponse(T_UINT8 expectedCode, T_UINT16 expectedLength, unsigned int statusTraceMask)
+TSTATUS KarvexDevice::CheckResponse(const char* function, T_UINT8 expectedCode, T_UINT16 expectedLength,
+                                    unsigned int statusTraceMask)
 {
-    // A failure status wins over a wrong code, and a wrong code over a wrong length.
+    // The lines name the operation whose answer is checked (function), not
+    // this helper. A failure status wins over a wrong code, and a wrong code
+    // over a wrong length.
     if (mResponseReport.MessageStatus() != 0) {
         if (PxTraceEnabled(statusTraceMask))
-            tprint("%s: Failure response received, st = 0x%02X\n", __PRETTY_FUNCTION__,
+            tprint("%s: Failure response received, st = 0x%02X\n", function,
                    static_cast<unsigned int>(mResponseReport.MessageStatus()));
         return ResponseStatusToTStatus(mResponseReport.MessageStatus());
     }
     if (mResponseReport.MessageCode() != expectedCode) {
-        PXTRACE_ERROR("%s: unexpected response code 0x%02X, exp. 0x%02X\n",
-                      static_cast<unsigned int>(mResponseReport.MessageCode()), static_cast<unsigned int>(expectedCode));
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: unexpected response code 0x%02X, exp. 0x%02X\n", function,
+                   static_cast<unsigned int>(mResponseReport.MessageCode()), static_cast<unsigned int>(expectedCode));
         return TSTATUS_UNEXPECTED_DEVICE_RESPONSE;
     }
     if (mResponseReport.MessageLength() != expectedLength) {
-        PXTRACE_ERROR("%s: unexpected length %u, exp. %u\n", static_cast<unsigned int>(mResponseReport.MessageLength()),
-                      static_cast<unsigned int>(expectedLength));
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: unexpected length %u, exp. %u\n", function,
+                   static_cast<unsigned int>(mResponseReport.MessageLength()), static_cast<unsigned int>(expectedLength));
         return TSTATUS_LENGTH_MISMATCH;
     }
     return TSTATUS_SUCCESS;
@@ -337,7 +353,7 @@ TSTATUS KarvexDevice::GetProtocolVersion(T_UINT8& protocolVersionMajor, T_UINT8&
         PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
         return st;
     }
-    st = CheckResponse(THID_RSP_GET_PROTOCOL_VERSION, THID_MSG_LEN_PROTOCOL_VERSION, KARVEX_TRACE_ERROR);
+    st = CheckResponse(__PRETTY_FUNCTION__, THID_RSP_GET_PROTOCOL_VERSION, THID_MSG_LEN_PROTOCOL_VERSION, KARVEX_TRACE_ERROR);
     if (st != TSTATUS_SUCCESS)
         return st;
     const THID_ProtocolVersion* version = mResponseReport.Payload<THID_ProtocolVersion>();
@@ -446,12 +462,21 @@ void KarvexDevice::ProcessReceivedReport(KarvexReportBuffer& report)
         return;
     }
     PXTRACE_INFO("%s: Pin event received\n");
-    if (mPinEventThreadIsRunning.load()) {
-        if (!mEventQueue.PutForceOverwrite(report.Buffer(), report.BufferSize()))
-            PXTRACE_ERROR("%s: Event Queue overrun occurred\n");
-    } else {
-        PXTRACE_WARN("%s: Ignore pin event, no callback registered\n");
+    bool queued = false;
+    bool overrun = false;
+    {
+        // The flag test and the store are one step for StopPinEventThread,
+        // which frees the queue once it has cleared the flag.
+        PxMutexLock gate(mEventQueueGate);
+        if (mPinEventThreadIsRunning.load()) {
+            queued = true;
+            overrun = !mEventQueue.PutForceOverwrite(report.Buffer(), report.BufferSize());
+        }
     }
+    if (overrun)
+        PXTRACE_ERROR("%s: Event Queue overrun occurred\n");
+    if (!queued)
+        PXTRACE_WARN("%s: Ignore pin event, no callback registered\n");
 }
 
 // ---------------------------------------------------------------------------
@@ -486,7 +511,7 @@ TSTATUS KarvexDevice::SetPinMode(unsigned int pinId, KARVEX_GPIOMode mode)
         PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
         return st;
     }
-    return CheckResponse(THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
+    return CheckResponse(__PRETTY_FUNCTION__, THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
 }
 
 TSTATUS KarvexDevice::SetPinState(unsigned int pinId, KARVEX_GPIOState state)
@@ -514,7 +539,7 @@ TSTATUS KarvexDevice::SetPinState(unsigned int pinId, KARVEX_GPIOState state)
         PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
         return st;
     }
-    return CheckResponse(THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
+    return CheckResponse(__PRETTY_FUNCTION__, THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
 }
 
 TSTATUS KarvexDevice::GetPinState(unsigned int pinId, KARVEX_GPIOState& state)
@@ -533,7 +558,7 @@ TSTATUS KarvexDevice::GetPinState(unsigned int pinId, KARVEX_GPIOState& state)
         PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
         return st;
     }
-    st = CheckResponse(THID_RSP_GET_PIN_STATE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
+    st = CheckResponse(__PRETTY_FUNCTION__, THID_RSP_GET_PIN_STATE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
     if (st != TSTATUS_SUCCESS)
         return st;
     const THID_PinState* answer = mResponseReport.Payload<THID_PinState>();
@@ -565,7 +590,7 @@ TSTATUS KarvexDevice::GetPinMode(unsigned int pinId, KARVEX_GPIOMode& mode)
         PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
         return st;
     }
-    st = CheckResponse(THID_RSP_GET_PIN_MODE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
+    st = CheckResponse(__PRETTY_FUNCTION__, THID_RSP_GET_PIN_MODE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
     if (st != TSTATUS_SUCCESS)
         return st;
     const THID_PinMode* answer = mResponseReport.Payload<THID_PinMode>();
@@ -650,7 +675,7 @@ TSTATUS KarvexDevice::I2cTransaction(unsigned int i2cBus, unsigned int i2cSpeed,
     }
     // A failing transfer (say, a slave that does not acknowledge) is an
     // ordinary outcome on a bus, so its status is not traced as an error.
-    st = CheckResponse(THID_RSP_I2C_TRANSACTION, THID_MSG_LEN_I2C, KARVEX_TRACE_INFO);
+    st = CheckResponse(__PRETTY_FUNCTION__, THID_RSP_I2C_TRANSACTION, THID_MSG_LEN_I2C, KARVEX_TRACE_INFO);
     if (st != TSTATUS_SUCCESS)
         return st;
     if (bytesToRead > 0)
@@ -710,6 +735,9 @@ TSTATUS KarvexDevice::StartPinEventThread()
         FreePinEventResources();
         return st;
     }
+    // The previous stop set the event to wake its thread; left set, the new
+    // thread would find it set with nothing queued and spin.
+    mEventQueue.Clear();
     // Raised before the thread starts so that its first test of the flag
     // does not mistake a fresh start for a stop.
     mPinEventThreadIsRunning = true;
@@ -728,7 +756,12 @@ void KarvexDevice::StopPinEventThread()
 {
     if (!mPinEventThreadIsRunning.load())
         return;
-    mPinEventThreadIsRunning = false;
+    {
+        // Once the flag is clear under the gate, the reader thread stores no
+        // more events, and the queue can be freed below.
+        PxMutexLock gate(mEventQueueGate);
+        mPinEventThreadIsRunning = false;
+    }
     mEventQueue.SetEvent();
     mPinEventThread.Join(nullptr, -1);
     mPinEventThreadId = 0;

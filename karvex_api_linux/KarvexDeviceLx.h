@@ -77,7 +77,10 @@ private:
         return mUniqueId;
     }
     void BuildCommand(T_UINT8 code, T_UINT16 length);
-    TSTATUS CheckResponse(T_UINT8 expectedCode, T_UINT16 expectedLength, unsigned int statusTraceMask);
+    // Status, code and length of mResponseReport, traced in the name of the
+    // calling operation (function: its __PRETTY_FUNCTION__).
+    TSTATUS CheckResponse(const char* function, T_UINT8 expectedCode, T_UINT16 expectedLength,
+                          unsigned int statusTraceMask);
     TSTATUS ExecuteCommand(KarvexReportBuffer& command, KarvexReportBuffer& response, unsigned int waitTimeout);
     TSTATUS GetProtocolVersion(T_UINT8& protocolVersionMajor, T_UINT8& protocolVersionMinor);
 
@@ -121,6 +124,11 @@ private:
     // RegisterPinEventCallback and Close on different application threads.
     // Never held by the pin event thread, so the callback may call in freely.
     PxMutex mPinEventControlMutex;
+    // Held by the reader thread while it tests mPinEventThreadIsRunning and
+    // files an event, and by StopPinEventThread while it clears the flag: no
+    // event is stored in a queue that is being freed. Taken before the
+    // event queue's own mutex; nothing else is taken under it.
+    PxMutex mEventQueueGate;
     // Identity of the running pin event thread (for IsPinEventThread).
     std::atomic<unsigned long> mPinEventThreadId;
 };
