@@ -50,6 +50,22 @@ EmuHidDevice::Impl::Impl(EmuTestbed::Impl& tb, const EmuHidDeviceConfig& cfg, in
       core(std::make_shared<EmuHidDeviceCore>(cfg.reportDescriptor)), handler(umockdev_ioctl_base_new())
 {
     EmuHidDeviceCore::ConnectSignals(handler, core);
+    // The handler stays attached for the life of the testbed. Detaching it
+    // at an unplug would close umockdev's listening socket, and a descriptor
+    // opened just before, whose connection umockdev had not accepted yet,
+    // would be reset: the preload library aborts the process on that. While
+    // unplugged, the missing node keeps new opens away, and connections
+    // accepted late are dead from the start.
+    const std::string devnode = Format("/dev/hidraw%d", hidrawIndex);
+    GError* error = nullptr;
+    if (!umockdev_testbed_attach_ioctl(testbed.testbed, devnode.c_str(), handler, &error)) {
+        std::fprintf(stderr, "kemu: attaching the handler to %s failed: %s\n", devnode.c_str(),
+                     error != nullptr ? error->message : "?");
+        std::abort();
+    }
+    // Processes that dropped their privileges must still reach the handler:
+    // only the node's own mode decides who may open it.
+    chmod((testbed.root + "/ioctl" + devnode).c_str(), 0666);
 }
 
 EmuHidDevice::Impl::~Impl()
@@ -203,18 +219,8 @@ void EmuHidDevice::Impl::Plug(bool uevents)
     if (uevents)
         testbed.Uevent(hidSyspath, "add");
 
-    // The handler must be in place before the node exists: a hot-plug
-    // listener may open the node as soon as it sees the device.
-    const std::string devnode = Format("/dev/hidraw%d", hidrawIndex);
-    GError* error = nullptr;
-    if (!umockdev_testbed_attach_ioctl(testbed.testbed, devnode.c_str(), handler, &error)) {
-        std::fprintf(stderr, "kemu: attaching the handler to %s failed: %s\n", devnode.c_str(),
-                     error != nullptr ? error->message : "?");
-        std::abort();
-    }
-    // Processes that dropped their privileges must still reach the handler:
-    // only the node's own mode decides who may open it.
-    chmod((testbed.root + "/ioctl" + devnode).c_str(), 0666);
+    // The node before the hidraw device: a hot-plug listener may open it as
+    // soon as it sees the device.
     core->Plugged(identity, NodeRealPath());
 
     const EmuSysfs::KeyValues rawAttrs = {{"dev", Line(Format("%u:%d", cHidrawMajor, hidrawIndex))}};
@@ -237,14 +243,6 @@ void EmuHidDevice::Impl::Unplug(bool uevents)
         return;
     // Open descriptors die first, and the node goes, as in the kernel.
     core->Unplugged();
-    const std::string devnode = Format("/dev/hidraw%d", hidrawIndex);
-    GError* error = nullptr;
-    if (!umockdev_testbed_detach_ioctl(testbed.testbed, devnode.c_str(), &error)) {
-        std::fprintf(stderr, "kemu: detaching the handler from %s failed: %s\n", devnode.c_str(),
-                     error != nullptr ? error->message : "?");
-        if (error != nullptr)
-            g_error_free(error);
-    }
 
     // Children first. Each device leaves the enumeration before its
     // "remove" uevent, so a listener that re-enumerates no longer finds it.

@@ -73,6 +73,14 @@ EmuHidDeviceCore::EmuHidDeviceCore(std::vector<std::uint8_t> reportDescriptor)
 {
 }
 
+EmuHidDeviceCore::~EmuHidDeviceCore()
+{
+    for (auto& client : mClients)
+        g_object_unref(client.handle);
+    for (auto* client : mDead)
+        g_object_unref(client);
+}
+
 void EmuHidDeviceCore::ConnectSignals(UMockdevIoctlBase* handler, const std::shared_ptr<EmuHidDeviceCore>& core)
 {
     EmuPublish();
@@ -112,40 +120,49 @@ int EmuHidDeviceCore::OnWrite(UMockdevIoctlBase*, UMockdevIoctlClient* client, v
 void EmuHidDeviceCore::OnClientConnected(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* data)
 {
     EmuPublish();
-    auto* ref = static_cast<CoreRef*>(data);
-    ref->core->ClientConnected(client);
-    g_signal_connect_data(client, "notify::connected", G_CALLBACK(OnClientNotify), new CoreRef{ref->core},
-                          FreeCoreRef, static_cast<GConnectFlags>(0));
-}
-
-void EmuHidDeviceCore::OnClientNotify(UMockdevIoctlClient* client, void*, void* data)
-{
-    EmuPublish();
-    if (!umockdev_ioctl_client_get_connected(client))
-        CoreOf(data).ClientClosed(ClientId(client));
+    CoreOf(data).ClientConnected(client);
 }
 
 void EmuHidDeviceCore::ClientConnected(UMockdevIoctlClient* client)
 {
     std::lock_guard<std::mutex> lock(mMutex);
+    PruneClosed();
+    g_object_ref(client);
     std::uint64_t id = 0; // 0: opened while unplugged, dead from the start
     if (mPlugged) {
         id = mNextClientId++;
-        Client entry{id, {}};
+        Client entry{id, client, {}};
         // The first descriptor takes what was sent while nobody listened.
         if (mClients.empty())
             entry.reports.swap(mBacklog);
         mClients.push_back(std::move(entry));
+    } else {
+        mDead.push_back(client);
     }
     g_object_set_data(G_OBJECT(client), cClientIdKey, GSIZE_TO_POINTER(static_cast<gsize>(id)));
 }
 
-void EmuHidDeviceCore::ClientClosed(std::uint64_t id)
+void EmuHidDeviceCore::PruneClosed()
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mClients.erase(std::remove_if(mClients.begin(), mClients.end(), [id](const Client& c) { return c.id == id; }),
-                   mClients.end());
-    UpdateReadable();
+    const std::size_t before = mClients.size();
+    for (auto it = mClients.begin(); it != mClients.end();) {
+        if (umockdev_ioctl_client_get_connected(it->handle)) {
+            ++it;
+        } else {
+            g_object_unref(it->handle);
+            it = mClients.erase(it);
+        }
+    }
+    for (auto it = mDead.begin(); it != mDead.end();) {
+        if (umockdev_ioctl_client_get_connected(*it)) {
+            ++it;
+        } else {
+            g_object_unref(*it);
+            it = mDead.erase(it);
+        }
+    }
+    if (mClients.size() != before)
+        UpdateReadable();
 }
 
 EmuHidDeviceCore::Client* EmuHidDeviceCore::FindClient(std::uint64_t id)
@@ -333,6 +350,8 @@ void EmuHidDeviceCore::Plugged(const Identity& identity, const std::string& node
 {
     std::lock_guard<std::mutex> lock(mMutex);
     mIdentity = identity;
+    for (auto& client : mClients)
+        mDead.push_back(client.handle);
     mClients.clear();
     mBacklog.clear();
     mNode.Create(nodePath, mNodeMode);
@@ -344,7 +363,9 @@ void EmuHidDeviceCore::Unplugged()
 {
     std::lock_guard<std::mutex> lock(mMutex);
     mPlugged = false;
-    mClients.clear(); // open descriptors are dead from now on
+    for (auto& client : mClients) // open descriptors are dead from now on
+        mDead.push_back(client.handle);
+    mClients.clear();
     mBacklog.clear();
     mNode.Destroy();
 }
@@ -354,6 +375,7 @@ void EmuHidDeviceCore::Inject(const std::uint8_t* data, std::size_t length)
     std::lock_guard<std::mutex> lock(mMutex);
     if (!mPlugged)
         return;
+    PruneClosed();
     Report report(data, data + length);
     if (mClients.empty()) {
         if (mBacklog.size() < cQueueCapacity)
@@ -367,9 +389,10 @@ void EmuHidDeviceCore::Inject(const std::uint8_t* data, std::size_t length)
     UpdateReadable();
 }
 
-std::size_t EmuHidDeviceCore::Pending() const
+std::size_t EmuHidDeviceCore::Pending()
 {
     std::lock_guard<std::mutex> lock(mMutex);
+    PruneClosed();
     std::size_t pending = mBacklog.size();
     for (const auto& client : mClients)
         pending = std::max(pending, client.reports.size());
@@ -379,16 +402,18 @@ std::size_t EmuHidDeviceCore::Pending() const
 void EmuHidDeviceCore::ClearInput()
 {
     std::lock_guard<std::mutex> lock(mMutex);
+    PruneClosed();
     mBacklog.clear();
     for (auto& client : mClients)
         client.reports.clear();
     UpdateReadable();
 }
 
-std::size_t EmuHidDeviceCore::OpenDescriptors() const
+std::size_t EmuHidDeviceCore::OpenDescriptors()
 {
     std::lock_guard<std::mutex> lock(mMutex);
-    return mClients.size();
+    PruneClosed();
+    return mClients.size() + mDead.size();
 }
 
 void EmuHidDeviceCore::SetWriteHook(EmuHidDevice::WriteHook hook)

@@ -52,6 +52,7 @@ public:
     static constexpr std::uint32_t cMaxDescriptorRequest = 4095; // HID_MAX_DESCRIPTOR_SIZE - 1
 
     explicit EmuHidDeviceCore(std::vector<std::uint8_t> reportDescriptor);
+    ~EmuHidDeviceCore();
     EmuHidDeviceCore(const EmuHidDeviceCore&) = delete;
     EmuHidDeviceCore& operator=(const EmuHidDeviceCore&) = delete;
 
@@ -65,9 +66,10 @@ public:
     void Unplugged();
 
     void Inject(const std::uint8_t* data, std::size_t length);
-    std::size_t Pending() const;
+    std::size_t Pending();
     void ClearInput();
-    std::size_t OpenDescriptors() const;
+    // Descriptors open on the node, also those that died with an unplug.
+    std::size_t OpenDescriptors();
 
     void SetWriteHook(EmuHidDevice::WriteHook hook);
 
@@ -86,6 +88,7 @@ private:
     using Report = std::vector<std::uint8_t>;
     struct Client {
         std::uint64_t id;
+        UMockdevIoctlClient* handle; // our reference
         std::deque<Report> reports;
     };
 
@@ -93,16 +96,17 @@ private:
     static int OnRead(UMockdevIoctlBase* handler, UMockdevIoctlClient* client, void* data);
     static int OnWrite(UMockdevIoctlBase* handler, UMockdevIoctlClient* client, void* data);
     static void OnClientConnected(UMockdevIoctlBase* handler, UMockdevIoctlClient* client, void* data);
-    static void OnClientNotify(UMockdevIoctlClient* client, void* pspec, void* data);
 
     void HandleIoctl(UMockdevIoctlClient* client);
     void HandleRead(UMockdevIoctlClient* client);
     void HandleWrite(UMockdevIoctlClient* client);
     void ClientConnected(UMockdevIoctlClient* client);
-    void ClientClosed(std::uint64_t id);
 
     // With mMutex held.
     Client* FindClient(std::uint64_t id);
+    // umockdev tells nobody when a descriptor is closed; its connection
+    // shows it. Forgets closed descriptors (and their queues).
+    void PruneClosed();
     void UpdateReadable();
 
     mutable std::mutex mMutex;
@@ -111,7 +115,8 @@ private:
     EmuPtyNode mNode;
     unsigned int mNodeMode = 0666;
     std::uint64_t mNextClientId = 1;
-    std::vector<Client> mClients;
+    std::vector<Client> mClients;             // descriptors of the present plug
+    std::vector<UMockdevIoctlClient*> mDead; // descriptors that saw an unplug
     std::deque<Report> mBacklog;
     std::vector<std::uint8_t> mDescriptor;
     std::optional<int> mDescriptorSizeOverride;

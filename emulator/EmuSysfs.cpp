@@ -55,28 +55,6 @@ void MakeLink(const std::string& target, const std::string& link)
         Fail("symlink", link);
 }
 
-void RemoveTree(const std::string& path)
-{
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0)
-        return;
-    if (S_ISDIR(st.st_mode)) {
-        if (DIR* dir = opendir(path.c_str())) {
-            std::vector<std::string> names;
-            while (const dirent* entry = readdir(dir)) {
-                if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-                    names.emplace_back(entry->d_name);
-            }
-            closedir(dir);
-            for (const auto& name : names)
-                RemoveTree(path + "/" + name);
-        }
-        rmdir(path.c_str());
-    } else {
-        unlink(path.c_str());
-    }
-}
-
 // "../../.." from a /sys/... directory up to /sys itself.
 std::string UpToSys(const std::string& syspath)
 {
@@ -97,6 +75,28 @@ std::string Basename(const std::string& path)
 } // namespace
 
 EmuSysfs::EmuSysfs(std::string rootDir) : mRoot(std::move(rootDir)) {}
+
+void EmuSysfs::RemoveTree(const std::string& path)
+{
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0)
+        return;
+    if (S_ISDIR(st.st_mode)) {
+        if (DIR* dir = opendir(path.c_str())) {
+            std::vector<std::string> names;
+            while (const dirent* entry = readdir(dir)) {
+                if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+                    names.emplace_back(entry->d_name);
+            }
+            closedir(dir);
+            for (const auto& name : names)
+                RemoveTree(path + "/" + name);
+        }
+        rmdir(path.c_str());
+    } else {
+        unlink(path.c_str());
+    }
+}
 
 std::string EmuSysfs::RealPath(const std::string& path) const
 {

@@ -45,6 +45,9 @@ public:
     // Absolute path in the real file system of a /sys/... or /dev/... path.
     std::string RealPath(const std::string& path) const;
 
+    // Deletes a real file or directory tree.
+    static void RemoveTree(const std::string& realPath);
+
 private:
     struct Listing {
         std::string syspath;

@@ -7,8 +7,10 @@
 #include <sys/stat.h>
 #include <umockdev.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 namespace kemu {
 
@@ -19,6 +21,32 @@ std::string TakeGString(gchar* text)
     std::string result = text != nullptr ? text : "";
     g_free(text);
     return result;
+}
+
+// Testbeds kept alive for descriptors left open. Never freed (the process
+// may still use them while it exits); their directories go at exit.
+struct Graveyard {
+    std::mutex mutex;
+    std::vector<std::pair<UMockdevTestbed*, std::string>> testbeds;
+};
+
+void RemoveGraveyardDirectories();
+
+Graveyard& TheGraveyard()
+{
+    static Graveyard* graveyard = [] {
+        std::atexit(RemoveGraveyardDirectories);
+        return new Graveyard;
+    }();
+    return *graveyard;
+}
+
+void RemoveGraveyardDirectories()
+{
+    Graveyard& graveyard = TheGraveyard();
+    std::lock_guard<std::mutex> lock(graveyard.mutex);
+    for (const auto& entry : graveyard.testbeds)
+        EmuSysfs::RemoveTree(entry.second);
 }
 
 } // namespace
@@ -36,8 +64,31 @@ EmuTestbed::Impl::Impl()
 
 EmuTestbed::Impl::~Impl()
 {
+    // umockdev learns of a close() a moment later, on its own thread.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    std::size_t open = 0;
+    for (;;) {
+        open = 0;
+        for (const auto& device : devices)
+            open += device->OpenDescriptorCount();
+        if (open == 0 || std::chrono::steady_clock::now() >= deadline)
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     devices.clear(); // each one unplugs quietly
-    g_object_unref(testbed);
+    if (open == 0) {
+        g_object_unref(testbed);
+        return;
+    }
+    // Finalising the testbed stops the thread that answers for our devices:
+    // a descriptor still open would then block for ever in its next read,
+    // write or ioctl. Keep the testbed (and its directory) so that such a
+    // descriptor gets the errors of an unplugged device instead.
+    std::fprintf(stderr, "kemu: testbed %s destroyed with %zu device descriptor(s) still open; kept alive\n",
+                 root.c_str(), open);
+    Graveyard& graveyard = TheGraveyard();
+    std::lock_guard<std::mutex> lock(graveyard.mutex);
+    graveyard.testbeds.emplace_back(testbed, root);
 }
 
 void EmuTestbed::Impl::Uevent(const std::string& syspath, const char* action)

@@ -20,6 +20,11 @@ namespace kemu {
 class EmuTestbed {
 public:
     EmuTestbed();
+    // Destroys the devices quietly (no uevents). Close every descriptor of
+    // the devices first: umockdev answers for them on a thread the testbed
+    // owns. Should one still be open (after a first read, write or ioctl),
+    // the umockdev side is kept alive, with a warning on stderr, so that the
+    // descriptor gets the errors of an unplugged device rather than block.
     ~EmuTestbed();
     EmuTestbed(const EmuTestbed&) = delete;
     EmuTestbed& operator=(const EmuTestbed&) = delete;
@@ -28,8 +33,13 @@ public:
     static bool InMockEnvironment();
 
     // Creates a device. With plug true it is plugged at once (with uevents when
-    // uevents is true). A hidrawIndex of -1 in the config takes the next free index.
+    // uevents is true). A hidrawIndex of -1 in the config takes the lowest
+    // index no other device of the testbed has; an empty usbPort the lowest
+    // free port "1-N". The device keeps both for its life.
     // The testbed owns the device; the reference stays valid until the testbed dies.
+    // Adding, plugging and unplugging are meant for one thread (the test's).
+    // The testbed lives in a temporary directory; the root directory is made
+    // world-readable so that a process without privileges reaches the nodes.
     EmuHidDevice& AddDevice(const EmuHidDeviceConfig& config, bool plug = true, bool uevents = true);
 
     const std::vector<std::unique_ptr<EmuHidDevice>>& Devices() const;

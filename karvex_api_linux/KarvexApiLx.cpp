@@ -29,6 +29,20 @@ KarvexApi::~KarvexApi()
 
 KarvexDevice* KarvexApi::LockDevice(KARVEXDeviceHandle deviceHandle, const char* signature)
 {
+    KarvexDevice* device = AcquireDevice(deviceHandle, signature);
+    if (device == nullptr)
+        return nullptr;
+    // Another call may hold the device for a long transaction: wait for it
+    // without mApiMutex, so that the API and other adapters stay free. The use
+    // mark keeps CloseDevice from destroying the device meanwhile; once its
+    // mutex is ours, Close waits for it like for any running call.
+    device->mMutex.Lock();
+    ReleaseUse(device);
+    return device;
+}
+
+KarvexDevice* KarvexApi::AcquireDevice(KARVEXDeviceHandle deviceHandle, const char* signature)
+{
     PxMutexLock api(mApiMutex);
     KarvexDevice* device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
     if (device == nullptr) {
@@ -36,7 +50,7 @@ KarvexDevice* KarvexApi::LockDevice(KARVEXDeviceHandle deviceHandle, const char*
             tprint("%s: invalid deviceHandle 0x%08X\n", signature, deviceHandle);
         return nullptr;
     }
-    device->mMutex.Lock();
+    AcquireUse(device);
     return device;
 }
 
@@ -49,17 +63,23 @@ void KarvexApi::AcquireUse(KarvexDevice* device)
 void KarvexApi::ReleaseUse(KarvexDevice* device)
 {
     std::lock_guard<std::mutex> lock(mUseMutex);
+    // The entry stays, at 0, while the device is open: every pin and I2C call
+    // passes through here, and taking a map node for each would put a heap
+    // allocation into every transaction. CloseDevice removes it.
     auto it = mDeviceUses.find(device);
-    if (it != mDeviceUses.end() && --it->second == 0) {
-        mDeviceUses.erase(it);
+    if (it != mDeviceUses.end() && --it->second == 0)
         mUseCondition.notify_all();
-    }
 }
 
 void KarvexApi::WaitUntilUnused(KarvexDevice* device)
 {
     std::unique_lock<std::mutex> lock(mUseMutex);
-    mUseCondition.wait(lock, [&] { return mDeviceUses.find(device) == mDeviceUses.end(); });
+    mUseCondition.wait(lock, [&] {
+        auto it = mDeviceUses.find(device);
+        return it == mDeviceUses.end() || it->second == 0;
+    });
+    // The handle is gone from the table, so no call can mark the device again.
+    mDeviceUses.erase(device);
 }
 
 // ---------------------------------------------------------------------------
@@ -243,56 +263,46 @@ TSTATUS KarvexApi::CloseDevice(KARVEXDeviceHandle deviceHandle)
 }
 
 // ---------------------------------------------------------------------------
-// Queries under the API mutex
+// Queries: the device takes its own mutex, without mApiMutex held
 
 TSTATUS KarvexApi::CheckDeviceConnection(KARVEXDeviceHandle deviceHandle)
 {
-    PxMutexLock api(mApiMutex);
-    KarvexDevice* device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
-    if (device == nullptr) {
-        PXTRACE_ERROR("%s: invalid deviceHandle 0x%08X\n", deviceHandle);
+    KarvexDevice* device = AcquireDevice(deviceHandle, __PRETTY_FUNCTION__);
+    if (device == nullptr)
         return TSTATUS_INVALID_HANDLE;
-    }
-    return device->CheckDeviceConnection();
+    const TSTATUS st = device->CheckDeviceConnection();
+    ReleaseUse(device);
+    return st;
 }
 
 TSTATUS KarvexApi::GetDeviceUsbInfo(KARVEXDeviceHandle deviceHandle, unsigned int* usbVendorId,
                                     unsigned int* usbProductId, unsigned int* bcdDevice)
 {
-    PxMutexLock api(mApiMutex);
-    KarvexDevice* device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
-    if (device == nullptr) {
-        PXTRACE_ERROR("%s: invalid deviceHandle 0x%08X\n", deviceHandle);
+    KarvexDevice* device = AcquireDevice(deviceHandle, __PRETTY_FUNCTION__);
+    if (device == nullptr)
         return TSTATUS_INVALID_HANDLE;
-    }
-    return device->GetDeviceUsbInfo(usbVendorId, usbProductId, bcdDevice);
+    const TSTATUS st = device->GetDeviceUsbInfo(usbVendorId, usbProductId, bcdDevice);
+    ReleaseUse(device);
+    return st;
 }
 
 TSTATUS KarvexApi::GetDeviceSerialNumber(KARVEXDeviceHandle deviceHandle, T_UNICHAR* serialNumber,
                                          unsigned int stringBufferSize)
 {
-    PxMutexLock api(mApiMutex);
-    KarvexDevice* device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
-    if (device == nullptr) {
-        PXTRACE_ERROR("%s: invalid deviceHandle 0x%08X\n", deviceHandle);
+    KarvexDevice* device = AcquireDevice(deviceHandle, __PRETTY_FUNCTION__);
+    if (device == nullptr)
         return TSTATUS_INVALID_HANDLE;
-    }
-    return device->GetDeviceSerialNumber(serialNumber, stringBufferSize);
+    const TSTATUS st = device->GetDeviceSerialNumber(serialNumber, stringBufferSize);
+    ReleaseUse(device);
+    return st;
 }
 
 TSTATUS KarvexApi::RegisterPinEventCallback(KARVEXDeviceHandle deviceHandle, KARVEXCB_InputPinEvent* callback,
                                             void* callbackContext)
 {
-    KarvexDevice* device;
-    {
-        PxMutexLock api(mApiMutex);
-        device = mDeviceContainer.LookupObjectByHandle(deviceHandle);
-        if (device == nullptr) {
-            PXTRACE_ERROR("%s: invalid deviceHandle 0x%08X\n", deviceHandle);
-            return TSTATUS_INVALID_HANDLE;
-        }
-        AcquireUse(device);
-    }
+    KarvexDevice* device = AcquireDevice(deviceHandle, __PRETTY_FUNCTION__);
+    if (device == nullptr)
+        return TSTATUS_INVALID_HANDLE;
     // Without any lock: re-registration joins the pin event thread, whose
     // callback may be waiting for one.
     const TSTATUS st = device->RegisterPinEventCallback(callback, callbackContext);

@@ -2,9 +2,11 @@
 // the application's snapshot of attached adapters, the open devices and their
 // handles, and the hot-plug notificator.
 //
-// Locking: mApiMutex serialises the calls. Pin and I2C calls take the device's
-// mutex while holding it and then let it go (hand over hand), so a slow
-// transaction blocks neither the API nor other adapters. Nothing that waits
+// Locking: mApiMutex serialises the calls and guards the handle table. A call
+// on one device holds it only to look the device up and mark it in use; the
+// device's own mutex serialises its transactions. So a slow transaction
+// blocks neither the API nor other adapters, even while further calls for the
+// same device queue up behind it. Nothing that waits
 // for a callback thread to end (closing a device, re-registering a callback)
 // does so while holding mApiMutex or a device mutex: a callback blocked in a
 // call into the library could otherwise never finish.
@@ -59,6 +61,9 @@ private:
     // mutex locked and mApiMutex released again; null (traced with the
     // caller's signature) for an unknown handle.
     KarvexDevice* LockDevice(KARVEXDeviceHandle deviceHandle, const char* signature);
+    // Looks the handle up and marks the device in use (see AcquireUse); the
+    // caller calls ReleaseUse when done. Null, traced, for an unknown handle.
+    KarvexDevice* AcquireDevice(KARVEXDeviceHandle deviceHandle, const char* signature);
     // Marks a device as in use by a call that runs without any lock, so that
     // CloseDevice waits for it before destroying the device.
     void AcquireUse(KarvexDevice* device);

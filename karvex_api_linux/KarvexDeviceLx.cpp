@@ -65,6 +65,10 @@ TSTATUS KarvexDevice::CheckReportLength(const char* direction, unsigned int leng
 
 TSTATUS KarvexDevice::Open(KarvexDeviceEnumerator& enumerator, unsigned int deviceIndex)
 {
+    // A failed open ends in Close, which takes the pin event control mutex;
+    // taken here first, it keeps the order control mutex -> mMutex that
+    // RegisterPinEventCallback and Close use.
+    PxMutexLock control(mPinEventControlMutex);
     EnterCritSec();
     struct Leave {
         KarvexDevice* d;
@@ -315,7 +319,10 @@ TSTATUS KarvexDevice::ExecuteCommand(KarvexReportBuffer& command, KarvexReportBu
             return TSTATUS_TIMEOUT;
         }
         const unsigned int remainingTimeout = waitTimeout - static_cast<unsigned int>(elapsedTime);
-        if (!mResponseQueue.WaitWithTimeout(remainingTimeout)) {
+        // Close wakes us by setting the queue's event, but a Get that empties
+        // the queue resets it: after a skipped answer, look at the flag before
+        // waiting again, or Close would wait for this command's time-out.
+        if (mReaderThreadIsRunning.load() && !mResponseQueue.WaitWithTimeout(remainingTimeout)) {
             PXTRACE_ERROR("%s: WaitWithTimeout(%u ms) timed out\n", remainingTimeout);
             return TSTATUS_TIMEOUT;
         }
@@ -779,7 +786,11 @@ void* KarvexDevice::PinEventThreadRoutine()
 {
     mPinEventThreadId = static_cast<unsigned long>(pthread_self());
     for (;;) {
-        mEventQueue.Wait();
+        // The Get below resets the event when it empties the queue, and so
+        // may swallow the wake-up of a stop that came just before it: a
+        // stopped thread must not wait again, or its join never returns.
+        if (mPinEventThreadIsRunning.load())
+            mEventQueue.Wait();
         // Tested before anything is taken: events still queued at stop time
         // are not delivered.
         if (!mPinEventThreadIsRunning.load()) {

@@ -540,6 +540,41 @@ TEST_F(EmulatorTest, EveryOpenDescriptorGetsItsOwnBoundedQueue)
     EXPECT_EQ(EAGAIN, Read(b.get(), 64).err);
 }
 
+TEST_F(EmulatorTest, ClosedDescriptorsAreForgotten)
+{
+    auto& dev = mTestbed->AddDevice(kemu::AdapterConfig());
+    auto a = std::make_unique<Fd>(dev.DevNode());
+    Fd b(dev.DevNode());
+    int size;
+    ASSERT_EQ(0, Ioctl(a->get(), HIDIOCGRDESCSIZE, &size).result);
+    ASSERT_EQ(0, Ioctl(b.get(), HIDIOCGRDESCSIZE, &size).result);
+    EXPECT_EQ(2u, dev.OpenDescriptorCount());
+    dev.InjectInputReport(Bytes{1});
+    a.reset();
+    // umockdev notices the close on its own thread.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (dev.OpenDescriptorCount() != 1 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_EQ(1u, dev.OpenDescriptorCount());
+    EXPECT_EQ(1u, dev.PendingInputReports());
+    ASSERT_EQ(1, Read(b.get(), 64).result);
+    EXPECT_EQ(0u, dev.PendingInputReports());
+    EXPECT_EQ(0, PollIn(b.get(), 20)); // the closed descriptor's queue no longer counts
+}
+
+TEST_F(EmulatorTest, DescriptorLeftOpenAfterTheTestbedFailsInsteadOfHanging)
+{
+    auto testbed = std::make_unique<kemu::EmuTestbed>();
+    auto& dev = testbed->AddDevice(kemu::AdapterConfig());
+    Fd fd(dev.DevNode());
+    ASSERT_GE(fd.get(), 0);
+    int size;
+    ASSERT_EQ(0, Ioctl(fd.get(), HIDIOCGRDESCSIZE, &size).result); // umockdev has taken the connection
+    testbed.reset(); // warns on stderr and keeps umockdev's side alive
+    EXPECT_EQ(EIO, Read(fd.get(), 64).err);
+    EXPECT_EQ(ENODEV, Write(fd.get(), Bytes{0, 1}).err);
+}
+
 TEST_F(EmulatorTest, PollIsLevelTriggeredAndWakesAnotherThread)
 {
     auto& dev = mTestbed->AddDevice(kemu::AdapterConfig());

@@ -253,11 +253,11 @@ protected:
         TPosixSetTraceMask(mSavedMask);
     }
 
-    // The emulator does not notice when a descriptor is closed: it keeps
-    // copying input reports to it, and the node then polls readable for the
-    // next descriptor with nothing to read (the reader thread traces a failed
-    // read and pauses). Tests that open again after a close therefore take a
-    // fresh adapter for the new open, unless nothing is answered in between.
+    // The emulator learns of a closed descriptor only some time later and
+    // until then copies input reports to it as well; the node can then poll
+    // readable for the next descriptor with nothing to read (the reader
+    // thread traces a failed read and pauses). Tests that open again after a
+    // close take a fresh adapter, unless nothing is answered in between.
     Adapter& AddAdapter(const kemu::EmuHidDeviceConfig& config = kemu::AdapterConfig())
     {
         auto adapter = std::make_unique<Adapter>();

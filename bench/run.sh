@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Runs every libkarvex benchmark and writes bench/RESULTS.md.
+#
+#   bench/run.sh                 configure and build build/bench (Release), then run
+#   BUILD_DIR=build/h8 bench/run.sh   use (and build) another build directory
+#   NICE=-10 bench/run.sh        run at another priority (root only for negative values)
+#
+# Needs umockdev-wrapper, valgrind, libbenchmark-dev and libhidapi-dev. Takes
+# about five minutes; the machine should be as quiet as it can be.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(dirname "$here")
+build=${BUILD_DIR:-$root/build/bench}
+case "$build" in /*) ;; *) build=$root/$build ;; esac
+loops=1000
+
+cmake -S "$root" -B "$build" -DKARVEX_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$build" --target karvex_bench -j2 >/dev/null
+bench=$build/bench/karvex_bench
+
+out=$(mktemp -d "${TMPDIR:-/tmp}/karvex-bench.XXXXXX")
+trap 'rm -rf "$out"' EXIT
+
+prio=()
+if [ -n "${NICE:-}" ]; then
+  prio=(nice -n "$NICE")
+fi
+run() {
+  "${prio[@]}" umockdev-wrapper "$bench" "$@"
+}
+
+{
+  echo "date: $(date -u '+%Y-%m-%d %H:%M UTC')"
+  echo "host: $(uname -n)"
+  echo "kernel: $(uname -sr)"
+  echo "cpu: $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ //')"
+  echo "cores: $(nproc)"
+  echo "load before: $(cut -d' ' -f1-3 /proc/loadavg)"
+  echo "build: $(grep -m1 CMAKE_BUILD_TYPE: "$build/CMakeCache.txt" | cut -d= -f2), $(cd "$root" && git rev-parse --short HEAD 2>/dev/null || echo unknown) plus working tree"
+  echo "priority: nice ${NICE:-0}"
+  echo "callgrind loops: $loops"
+} >"$out/machine.txt"
+
+echo "== round trips, allocations, two adapters, pin events (answer in write())"
+run --benchmark_out="$out/main.json" --benchmark_out_format=json
+echo "== the same with a firmware thread"
+run --answer=thread --benchmark_filter='RoundTrip|Parallel' \
+  --benchmark_out="$out/thread.json" --benchmark_out_format=json
+echo "== round trips with a firmware thread answering after 250 us"
+run --answer=thread --latency-us=250 --benchmark_filter='RoundTrip' --benchmark_min_time=0.5 \
+  --benchmark_out="$out/thread250.json" --benchmark_out_format=json
+for n in 10 100 1000; do
+  echo "== enumeration and open among $n hidraw devices"
+  run --mode=enum --devices="$n" --benchmark_out="$out/enum_$n.json" --benchmark_out_format=json
+done
+echo "== instructions per call (callgrind)"
+"${prio[@]}" umockdev-wrapper valgrind --tool=callgrind --callgrind-out-file="$out/cg.out" \
+  "$bench" --mode=callgrind --loops=$loops 2>"$out/valgrind.log"
+# The client requests dump the three loops as parts 1 (library), 2 (raw), 3 (hidapi).
+i=1
+for client in library raw hidapi; do
+  callgrind_annotate --inclusive=yes --threshold=100 "$out/cg.out.$i" >"$out/cg_$client.txt"
+  i=$((i + 1))
+done
+
+echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)" >>"$out/machine.txt"
+python3 "$here/make_results.py" "$out" >"$here/RESULTS.md"
+echo "wrote $here/RESULTS.md"
