@@ -27,18 +27,31 @@ KarvexApi::~KarvexApi()
 // ---------------------------------------------------------------------------
 // Helpers
 
-KarvexDevice* KarvexApi::LockDevice(KARVEXDeviceHandle deviceHandle, const char* signature)
+template <typename TOperation>
+TSTATUS KarvexApi::RunInUse(KARVEXDeviceHandle deviceHandle, const char* signature, TOperation operation)
 {
     KarvexDevice* device = AcquireDevice(deviceHandle, signature);
     if (device == nullptr)
-        return nullptr;
+        return TSTATUS_INVALID_HANDLE;
+    const TSTATUS st = operation(*device);
+    ReleaseUse(device);
+    return st;
+}
+
+template <typename TOperation>
+TSTATUS KarvexApi::RunLocked(KARVEXDeviceHandle deviceHandle, const char* signature, TOperation operation)
+{
+    KarvexDevice* device = AcquireDevice(deviceHandle, signature);
+    if (device == nullptr)
+        return TSTATUS_INVALID_HANDLE;
     // Another call may hold the device for a long transaction: wait for it
     // without mApiMutex, so that the API and other adapters stay free. The use
-    // mark keeps CloseDevice from destroying the device meanwhile; once its
-    // mutex is ours, Close waits for it like for any running call.
+    // mark keeps CloseDevice from destroying the device until we are done.
     device->mMutex.Lock();
+    const TSTATUS st = operation(*device);
+    device->mMutex.Unlock();
     ReleaseUse(device);
-    return device;
+    return st;
 }
 
 KarvexDevice* KarvexApi::AcquireDevice(KARVEXDeviceHandle deviceHandle, const char* signature)
@@ -251,12 +264,15 @@ TSTATUS KarvexApi::CloseDevice(KARVEXDeviceHandle deviceHandle)
             PXTRACE_ERROR("%s: not allowed from inside the pin event callback of device 0x%08X\n", deviceHandle);
             return TSTATUS_NOT_ALLOWED;
         }
-        // From here on no call finds the handle; calls already holding the
-        // device's mutex finish before Close takes it.
+        // From here on no call finds the handle.
         mDeviceContainer.RemoveObject(device, deviceHandle);
     }
-    WaitUntilUnused(device);
+    // Close first: it releases a command waiting for an answer (and with it
+    // the calls queued behind it, which then find the device closed). Calls
+    // that found the device before the handle went still hold their use
+    // mark; the device is destroyed once they are all out.
     device->Close();
+    WaitUntilUnused(device);
     delete device;
     PXTRACE_INFO("%s: Device with handle=0x%08X was closed\n", deviceHandle);
     return TSTATUS_SUCCESS;
@@ -267,47 +283,27 @@ TSTATUS KarvexApi::CloseDevice(KARVEXDeviceHandle deviceHandle)
 
 TSTATUS KarvexApi::CheckDeviceConnection(KARVEXDeviceHandle deviceHandle)
 {
-    KarvexDevice* device = AcquireDevice(deviceHandle, __PRETTY_FUNCTION__);
-    if (device == nullptr)
-        return TSTATUS_INVALID_HANDLE;
-    const TSTATUS st = device->CheckDeviceConnection();
-    ReleaseUse(device);
-    return st;
+    return RunInUse(deviceHandle, __PRETTY_FUNCTION__, [&](KarvexDevice& device) { return device.CheckDeviceConnection(); });
 }
 
 TSTATUS KarvexApi::GetDeviceUsbInfo(KARVEXDeviceHandle deviceHandle, unsigned int* usbVendorId,
                                     unsigned int* usbProductId, unsigned int* bcdDevice)
 {
-    KarvexDevice* device = AcquireDevice(deviceHandle, __PRETTY_FUNCTION__);
-    if (device == nullptr)
-        return TSTATUS_INVALID_HANDLE;
-    const TSTATUS st = device->GetDeviceUsbInfo(usbVendorId, usbProductId, bcdDevice);
-    ReleaseUse(device);
-    return st;
+    return RunInUse(deviceHandle, __PRETTY_FUNCTION__, [&](KarvexDevice& device) { return device.GetDeviceUsbInfo(usbVendorId, usbProductId, bcdDevice); });
 }
 
 TSTATUS KarvexApi::GetDeviceSerialNumber(KARVEXDeviceHandle deviceHandle, T_UNICHAR* serialNumber,
                                          unsigned int stringBufferSize)
 {
-    KarvexDevice* device = AcquireDevice(deviceHandle, __PRETTY_FUNCTION__);
-    if (device == nullptr)
-        return TSTATUS_INVALID_HANDLE;
-    const TSTATUS st = device->GetDeviceSerialNumber(serialNumber, stringBufferSize);
-    ReleaseUse(device);
-    return st;
+    return RunInUse(deviceHandle, __PRETTY_FUNCTION__, [&](KarvexDevice& device) { return device.GetDeviceSerialNumber(serialNumber, stringBufferSize); });
 }
 
 TSTATUS KarvexApi::RegisterPinEventCallback(KARVEXDeviceHandle deviceHandle, KARVEXCB_InputPinEvent* callback,
                                             void* callbackContext)
 {
-    KarvexDevice* device = AcquireDevice(deviceHandle, __PRETTY_FUNCTION__);
-    if (device == nullptr)
-        return TSTATUS_INVALID_HANDLE;
     // Without any lock: re-registration joins the pin event thread, whose
     // callback may be waiting for one.
-    const TSTATUS st = device->RegisterPinEventCallback(callback, callbackContext);
-    ReleaseUse(device);
-    return st;
+    return RunInUse(deviceHandle, __PRETTY_FUNCTION__, [&](KarvexDevice& device) { return device.RegisterPinEventCallback(callback, callbackContext); });
 }
 
 // ---------------------------------------------------------------------------
@@ -315,22 +311,14 @@ TSTATUS KarvexApi::RegisterPinEventCallback(KARVEXDeviceHandle deviceHandle, KAR
 
 TSTATUS KarvexApi::SetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode mode)
 {
-    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
-    if (device == nullptr)
-        return TSTATUS_INVALID_HANDLE;
-    const TSTATUS st = device->SetPinMode(pinId, mode);
-    device->mMutex.Unlock();
-    return st;
+    return RunLocked(deviceHandle, __PRETTY_FUNCTION__,
+                     [&](KarvexDevice& device) { return device.SetPinMode(pinId, mode); });
 }
 
 TSTATUS KarvexApi::SetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOState state)
 {
-    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
-    if (device == nullptr)
-        return TSTATUS_INVALID_HANDLE;
-    const TSTATUS st = device->SetPinState(pinId, state);
-    device->mMutex.Unlock();
-    return st;
+    return RunLocked(deviceHandle, __PRETTY_FUNCTION__,
+                     [&](KarvexDevice& device) { return device.SetPinState(pinId, state); });
 }
 
 TSTATUS KarvexApi::GetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOState* state)
@@ -339,12 +327,8 @@ TSTATUS KarvexApi::GetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pin
         PXTRACE_ERROR("%s: %s is NULL\n", "state");
         return TSTATUS_INVALID_PARAMETER;
     }
-    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
-    if (device == nullptr)
-        return TSTATUS_INVALID_HANDLE;
-    const TSTATUS st = device->GetPinState(pinId, *state);
-    device->mMutex.Unlock();
-    return st;
+    return RunLocked(deviceHandle, __PRETTY_FUNCTION__,
+                     [&](KarvexDevice& device) { return device.GetPinState(pinId, *state); });
 }
 
 TSTATUS KarvexApi::GetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode* mode)
@@ -353,12 +337,8 @@ TSTATUS KarvexApi::GetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinI
         PXTRACE_ERROR("%s: %s is NULL\n", "mode");
         return TSTATUS_INVALID_PARAMETER;
     }
-    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
-    if (device == nullptr)
-        return TSTATUS_INVALID_HANDLE;
-    const TSTATUS st = device->GetPinMode(pinId, *mode);
-    device->mMutex.Unlock();
-    return st;
+    return RunLocked(deviceHandle, __PRETTY_FUNCTION__,
+                     [&](KarvexDevice& device) { return device.GetPinMode(pinId, *mode); });
 }
 
 TSTATUS KarvexApi::I2cTransaction(KARVEXDeviceHandle deviceHandle, unsigned int i2cBus, unsigned int i2cSpeed,
@@ -366,11 +346,9 @@ TSTATUS KarvexApi::I2cTransaction(KARVEXDeviceHandle deviceHandle, unsigned int 
                                   unsigned int bytesToWrite, unsigned char* readBuffer, unsigned int bytesToRead,
                                   unsigned int timeoutInterval)
 {
-    KarvexDevice* device = LockDevice(deviceHandle, __PRETTY_FUNCTION__);
-    if (device == nullptr)
-        return TSTATUS_INVALID_HANDLE;
-    const TSTATUS st = device->I2cTransaction(i2cBus, i2cSpeed, i2cSlaveAddress, writeData, bytesToWrite, readBuffer,
-                                              bytesToRead, timeoutInterval);
-    device->mMutex.Unlock();
-    return st;
+    return RunLocked(deviceHandle, __PRETTY_FUNCTION__,
+                     [&](KarvexDevice& device) {
+                         return device.I2cTransaction(i2cBus, i2cSpeed, i2cSlaveAddress, writeData, bytesToWrite,
+                                                      readBuffer, bytesToRead, timeoutInterval);
+                     });
 }

@@ -57,10 +57,14 @@ private:
     KarvexApi(const KarvexApi&) = delete;
     KarvexApi& operator=(const KarvexApi&) = delete;
 
-    // Looks the handle up under mApiMutex and returns the device with its
-    // mutex locked and mApiMutex released again; null (traced with the
-    // caller's signature) for an unknown handle.
-    KarvexDevice* LockDevice(KARVEXDeviceHandle deviceHandle, const char* signature);
+    // Runs operation(device) with the device's mutex held and mApiMutex not
+    // held; TSTATUS_INVALID_HANDLE (traced with the caller's signature) for
+    // an unknown handle.
+    // Runs operation(device) with no lock held; the device takes its own.
+    template <typename TOperation>
+    TSTATUS RunInUse(KARVEXDeviceHandle deviceHandle, const char* signature, TOperation operation);
+    template <typename TOperation>
+    TSTATUS RunLocked(KARVEXDeviceHandle deviceHandle, const char* signature, TOperation operation);
     // Looks the handle up and marks the device in use (see AcquireUse); the
     // caller calls ReleaseUse when done. Null, traced, for an unknown handle.
     KarvexDevice* AcquireDevice(KARVEXDeviceHandle deviceHandle, const char* signature);

@@ -144,3 +144,75 @@ TEST_F(ApiTest, SlowTransactionOnOneAdapterDoesNotHoldUpTheOther)
     EXPECT_EQ(TSTATUS_SUCCESS, slowStatus.load());
     EXPECT_EQ(20, fastCalls);
 }
+
+TEST_F(ApiTest, CallsQueuedBehindASlowTransactionDoNotBlockTheApi)
+{
+    auto& slow = AddAdapter(KARVEX_USB_PRODUCT_ID_1, "SLOW");
+    auto& fast = AddAdapter(KARVEX_USB_PRODUCT_ID_2, "FAST");
+    KARVEXDeviceHandle hs = Open(slow);
+    KARVEXDeviceHandle hf = Open(fast);
+    ASSERT_NE(0u, hs);
+    ASSERT_NE(0u, hf);
+    kemu::EmuAdapterFirmware::Faults faults;
+    faults.delayMs = 1500;
+    slow.firmware->SetFaults(faults);
+
+    std::atomic<int> slowDone{0};
+    std::thread transfer([&] {
+        unsigned char addr = 0, data[4];
+        EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_I2cTransaction(hs, 0, 100000, 0x50, &addr, 1, data, sizeof data, 1000));
+        ++slowDone;
+    });
+    while (slow.firmware->CommandCount() < 2)
+        std::this_thread::yield();
+    // A second call on the busy adapter waits for it...
+    std::thread queued([&] {
+        KARVEX_GPIOState s;
+        EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_GetPinState(hs, 0, &s));
+        ++slowDone;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // ...without holding up the rest of the API or the other adapter.
+    unsigned int count = 0;
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_EnumerateDevices(&count));
+    EXPECT_EQ(2u, count);
+    unsigned int vid = 0;
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_GetDeviceUsbInfo(hf, &vid, nullptr, nullptr));
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinState(hf, 2, GPIOState_High));
+    EXPECT_EQ(0, slowDone.load());
+    transfer.join();
+    queued.join();
+    EXPECT_EQ(2, slowDone.load());
+}
+
+TEST_F(ApiTest, CloseWhileCallsWaitForTheDeviceReleasesThemAll)
+{
+    auto& a = AddAdapter();
+    KARVEXDeviceHandle h = Open(a);
+    ASSERT_NE(0u, h);
+    kemu::EmuAdapterFirmware::Faults faults;
+    faults.noAnswer = true;
+    a.firmware->SetFaults(faults);
+    std::vector<std::thread> callers;
+    std::atomic<int> finished{0};
+    for (int i = 0; i < 3; ++i) {
+        callers.emplace_back([&] {
+            const TSTATUS st = KARVEX_SetPinState(h, 1, GPIOState_High);
+            // The first waits for an answer and is aborted by the close; the
+            // others find the device closed or the handle gone.
+            EXPECT_TRUE(st == TSTATUS_ABORTED || st == TSTATUS_NOT_OPENED || st == TSTATUS_INVALID_HANDLE)
+                << std::hex << st;
+            ++finished;
+        });
+    }
+    while (a.firmware->CommandCount() < 2)
+        std::this_thread::yield();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_CloseDevice(h));
+    Closed(h);
+    for (auto& t : callers)
+        t.join();
+    EXPECT_EQ(3, finished.load());
+    // Nobody sat out the 5 s command time-out.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+}
