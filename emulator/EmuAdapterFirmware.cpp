@@ -84,11 +84,19 @@ bool EmuAdapterFirmware::Impl::Level(unsigned pin) const
     return IsOutput(modes[pin]) ? outputLevels[pin] : inputLevels[pin];
 }
 
+namespace {
+constexpr std::size_t cMaxReportBytes = 16384;
+} // namespace
+
 std::vector<std::uint8_t> EmuAdapterFirmware::Impl::MakeReport(const Message& message) const
 {
     const EmuReportLayout layout = device.ReportLayout();
     if (layout.inputBytes == 0)
         return {}; // a device without input reports cannot answer
+    // hidraw never moves a report longer than its buffer (16 KiB); a broken
+    // descriptor claiming more must not make the firmware allocate it either.
+    if (layout.inputBytes > cMaxReportBytes)
+        return {};
     const std::size_t offset = layout.numbered ? 1 : 0;
     std::vector<std::uint8_t> report(offset + layout.inputBytes, 0);
     if (layout.numbered)

@@ -300,7 +300,8 @@ void EmuHidDeviceCore::HandleIoctl(UMockdevIoctlClient* client)
                 err = EINVAL;
             } else {
                 const std::size_t n = std::min<std::size_t>(size, descriptor.size());
-                std::memcpy(out->data + offsetof(hidraw_report_descriptor, value), descriptor.data(), n);
+                if (n > 0)
+                    std::memcpy(out->data + offsetof(hidraw_report_descriptor, value), descriptor.data(), n);
             }
         }
     } else if (request == HIDIOCGRAWINFO) {
