@@ -53,20 +53,29 @@ typedef char T_UNICHAR;
 /** Handle of an open adapter; 0 is never a valid handle. */
 typedef unsigned int KARVEXDeviceHandle;
 
-typedef enum tagKARVEXDeviceEvent {
+/* The enums are int-sized in C. C++ gets the same underlying type spelled
+ * out, so that any int a C caller passes (a wrong mode, say) is a valid value
+ * the library can check and refuse, not undefined behaviour. */
+#ifdef __cplusplus
+#define KARVEX_ENUM_BASE : int
+#else
+#define KARVEX_ENUM_BASE
+#endif
+
+typedef enum tagKARVEXDeviceEvent KARVEX_ENUM_BASE {
     KARVEXEvent_reserved = 0,
     KARVEXEvent_DeviceAttached = 1,
     KARVEXEvent_DeviceRemoved = 2
 } KARVEXDeviceEvent;
 
-typedef enum tagKARVEX_GPIOMode {
+typedef enum tagKARVEX_GPIOMode KARVEX_ENUM_BASE {
     GPIOMode_Input = 0,
     GPIOMode_InputEvent = 1,
     GPIOMode_Output_Low = 2,
     GPIOMode_Output_High = 3
 } KARVEX_GPIOMode;
 
-typedef enum tagKARVEX_GPIOState {
+typedef enum tagKARVEX_GPIOState KARVEX_ENUM_BASE {
     GPIOState_Low = 0,
     GPIOState_High = 1
 } KARVEX_GPIOState;
