@@ -273,8 +273,13 @@ void BM_Parallel(benchmark::State& state, Client client)
 // The cost of waking another thread and being woken by it (two hand-offs
 // through futexes): what a reader thread between caller and device costs at
 // the least on this machine.
+// With an argument > 0 the benchmark thread sleeps that many microseconds
+// before each ping (untimed), so that both CPUs may have gone idle, as
+// between two calls to a real adapter.
 void BM_ThreadPingPong(benchmark::State& state)
 {
+    const long idleUs = static_cast<long>(state.range(0));
+    prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     std::atomic<std::uint32_t> word{0};
     std::atomic<bool> stop{false};
     std::thread partner([&] {
@@ -293,6 +298,12 @@ void BM_ThreadPingPong(benchmark::State& state)
     Samples& samples = gSamples[0];
     samples.Clear();
     for (auto _ : state) {
+        if (idleUs > 0) {
+            state.PauseTiming();
+            const timespec idle = {0, idleUs * 1000};
+            nanosleep(&idle, nullptr);
+            state.ResumeTiming();
+        }
         const std::int64_t t0 = NowNs();
         word.store(1);
         FutexWake(&word);
@@ -309,6 +320,22 @@ void BM_ThreadPingPong(benchmark::State& state)
     FutexWake(&word);
     partner.join();
     samples.Report(state);
+}
+
+// Pure computation on every benchmark thread: how much of two CPUs this
+// machine gives two threads (the ceiling for any two-adapter ratio).
+void BM_CpuSpin(benchmark::State& state)
+{
+    std::uint64_t x = 88172645463325252ULL + static_cast<std::uint64_t>(state.thread_index());
+    for (auto _ : state) {
+        for (int i = 0; i < 1000; ++i) {
+            x ^= x << 13;
+            x ^= x >> 7;
+            x ^= x << 17;
+        }
+        benchmark::DoNotOptimize(x);
+    }
+    state.SetItemsProcessed(state.iterations());
 }
 
 // The emulated firmware's own share of a round trip (no system calls).
@@ -679,6 +706,15 @@ int RunMain(int argc, char** argv)
         return 1;
     }
 
+    // Warm caches, clocks and the scheduler's view of our threads, so that
+    // the first benchmark is not measured cold.
+    for (unsigned i = 0; i < 20000; ++i)
+        for (Client c : {Client::Raw, Client::Hidapi, Client::Library})
+            if (!DoOp(c, Op::SetPinState, cRoundTripAdapter, i, 0)) {
+                std::fprintf(stderr, "warm-up call failed\n");
+                return 1;
+            }
+
     struct OpName {
         Op op;
         const char* name;
@@ -687,15 +723,37 @@ int RunMain(int argc, char** argv)
     for (const OpName& o : ops) {
         benchmark::RegisterBenchmark((std::string("RoundTrip/") + o.name + "/raw").c_str(), BM_RoundTrip, Client::Raw,
                                      o.op)
-            ->MinTime(1.0);
+            ->MinTime(0.5)
+            ->Repetitions(3)
+            ->ReportAggregatesOnly(true);
         benchmark::RegisterBenchmark((std::string("RoundTrip/") + o.name + "/hidapi").c_str(), BM_RoundTrip,
                                      Client::Hidapi, o.op)
-            ->MinTime(1.0);
+            ->MinTime(0.5)
+            ->Repetitions(3)
+            ->ReportAggregatesOnly(true);
         benchmark::RegisterBenchmark((std::string("RoundTrip/") + o.name + "/library").c_str(), BM_RoundTrip,
                                      Client::Library, o.op)
-            ->MinTime(1.0);
+            ->MinTime(0.5)
+            ->Repetitions(3)
+            ->ReportAggregatesOnly(true);
     }
-    benchmark::RegisterBenchmark("Reference/ThreadPingPong", BM_ThreadPingPong)->MinTime(0.5);
+    benchmark::RegisterBenchmark("Reference/ThreadPingPong", BM_ThreadPingPong)
+        ->Arg(0)
+        ->MinTime(0.3)
+        ->Repetitions(3)
+        ->ReportAggregatesOnly(true);
+    benchmark::RegisterBenchmark("Reference/ThreadPingPongAfterIdle", BM_ThreadPingPong)
+        ->Arg(250)
+        ->Iterations(2000)
+        ->Repetitions(3)
+        ->ReportAggregatesOnly(true);
+    benchmark::RegisterBenchmark("Reference/CpuSpin", BM_CpuSpin)
+        ->Threads(1)
+        ->Threads(2)
+        ->UseRealTime()
+        ->MinTime(0.5)
+        ->Repetitions(5)
+        ->ReportAggregatesOnly(true);
     benchmark::RegisterBenchmark("Reference/FirmwareProcess", BM_FirmwareProcess);
     for (Client c : {Client::Raw, Client::Library})
         benchmark::RegisterBenchmark(c == Client::Raw ? "Parallel/SetPinState/raw" : "Parallel/SetPinState/library",
@@ -703,19 +761,23 @@ int RunMain(int argc, char** argv)
             ->Threads(1)
             ->Threads(2)
             ->UseRealTime()
-            ->MinTime(1.0)
+            ->MinTime(0.5)
+            ->Repetitions(5)
+            ->ReportAggregatesOnly(true);
+    for (bool library : {false, true})
+        benchmark::RegisterBenchmark(library ? "PinEvent/Latency/library" : "PinEvent/Latency/raw",
+                                     BM_PinEventLatency, library)
+            ->Iterations(10000)
             ->Repetitions(3)
             ->ReportAggregatesOnly(true);
-    benchmark::RegisterBenchmark("PinEvent/Latency/raw", BM_PinEventLatency, false)->Iterations(20000);
-    benchmark::RegisterBenchmark("PinEvent/Latency/library", BM_PinEventLatency, true)->Iterations(20000);
-    benchmark::RegisterBenchmark("PinEvent/Throughput/raw", BM_PinEventThroughput, false)
-        ->Arg(8)
-        ->Iterations(100000)
-        ->UseRealTime();
-    benchmark::RegisterBenchmark("PinEvent/Throughput/library", BM_PinEventThroughput, true)
-        ->Arg(8)
-        ->Iterations(100000)
-        ->UseRealTime();
+    for (bool library : {false, true})
+        benchmark::RegisterBenchmark(library ? "PinEvent/Throughput/library" : "PinEvent/Throughput/raw",
+                                     BM_PinEventThroughput, library)
+            ->Arg(8)
+            ->Iterations(50000)
+            ->UseRealTime()
+            ->Repetitions(3)
+            ->ReportAggregatesOnly(true);
     for (bool library : {false, true})
         benchmark::RegisterBenchmark(library ? "PinEvent/Paced/library" : "PinEvent/Paced/raw", BM_PinEventPaced,
                                      library)

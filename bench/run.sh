@@ -19,8 +19,11 @@ cmake -S "$root" -B "$build" -DKARVEX_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release 
 cmake --build "$build" --target karvex_bench -j2 >/dev/null
 bench=$build/bench/karvex_bench
 
-out=$(mktemp -d "${TMPDIR:-/tmp}/karvex-bench.XXXXXX")
-trap 'rm -rf "$out"' EXIT
+# The raw results stay in the build directory: make_results.py can turn them
+# into RESULTS.md again (python3 bench/make_results.py <dir> > bench/RESULTS.md).
+out=$build/bench-results
+rm -rf "$out"
+mkdir -p "$out"
 
 prio=()
 if [ -n "${NICE:-}" ]; then
@@ -42,13 +45,20 @@ run() {
   echo "callgrind loops: $loops"
 } >"$out/machine.txt"
 
-echo "== round trips, allocations, two adapters, pin events (answer in write())"
-run --benchmark_out="$out/main.json" --benchmark_out_format=json
+# Every measurement but the paced pin events is repeated; the repetitions of
+# all benchmarks of a run are interleaved in random order, so that a change of
+# the machine's load during the run does not favour one client over another.
+echo "== round trips, allocations, pin events (answer in write())"
+run --benchmark_filter='^(RoundTrip|Reference/(Thread|Firmware)|PinEvent)' --benchmark_enable_random_interleaving=true \
+  --benchmark_out="$out/main.json" --benchmark_out_format=json
+echo "== one adapter against two (answer in write())"
+run --benchmark_filter='^(Parallel|Reference/CpuSpin)' --benchmark_enable_random_interleaving=true \
+  --benchmark_out="$out/parallel.json" --benchmark_out_format=json
 echo "== the same with a firmware thread"
-run --answer=thread --benchmark_filter='RoundTrip|Parallel' \
+run --answer=thread --benchmark_filter='^(RoundTrip|Parallel)' --benchmark_enable_random_interleaving=true \
   --benchmark_out="$out/thread.json" --benchmark_out_format=json
 echo "== round trips with a firmware thread answering after 250 us"
-run --answer=thread --latency-us=250 --benchmark_filter='RoundTrip' --benchmark_min_time=0.5 \
+run --answer=thread --latency-us=250 --benchmark_filter='RoundTrip' --benchmark_enable_random_interleaving=true \
   --benchmark_out="$out/thread250.json" --benchmark_out_format=json
 for n in 10 100 1000; do
   echo "== enumeration and open among $n hidraw devices"
@@ -66,4 +76,4 @@ done
 
 echo "load after: $(cut -d' ' -f1-3 /proc/loadavg)" >>"$out/machine.txt"
 python3 "$here/make_results.py" "$out" >"$here/RESULTS.md"
-echo "wrote $here/RESULTS.md"
+echo "wrote $here/RESULTS.md (raw results in $out)"
