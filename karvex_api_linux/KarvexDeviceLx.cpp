@@ -25,6 +25,8 @@ KarvexDevice::KarvexDevice()
       mI2cMinTimeout(1000),
       mI2cMaxTimeout(30000),
       mReaderThreadIsRunning(false),
+      mCloseRequested(false),
+      mAbortWaitingCommand(false),
       mMaxResponseCount(2),
       mMaxEventCount(10),
       mPinEventThreadIsRunning(false),
@@ -144,6 +146,9 @@ void KarvexDevice::Close()
         PXTRACE_ERROR("%s: not allowed from inside the pin event callback\n");
         return;
     }
+    // The pin event thread is joined first; see mAbortWaitingCommand for a
+    // callback that waits in a command on an adapter that is gone.
+    mCloseRequested = true;
     {
         PxMutexLock control(mPinEventControlMutex);
         StopPinEventThread();
@@ -159,6 +164,8 @@ void KarvexDevice::Close()
     FreeResources();
     mPinEventCallback = nullptr;
     mPinEventCallbackContext = nullptr;
+    mCloseRequested = false;
+    mAbortWaitingCommand = false;
     LeaveCritSec();
 }
 
@@ -322,11 +329,12 @@ TSTATUS KarvexDevice::ExecuteCommand(KarvexReportBuffer& command, KarvexReportBu
         // Close wakes us by setting the queue's event, but a Get that empties
         // the queue resets it: after a skipped answer, look at the flag before
         // waiting again, or Close would wait for this command's time-out.
-        if (mReaderThreadIsRunning.load() && !mResponseQueue.WaitWithTimeout(remainingTimeout)) {
+        if (mReaderThreadIsRunning.load() && !mAbortWaitingCommand.load() &&
+            !mResponseQueue.WaitWithTimeout(remainingTimeout)) {
             PXTRACE_ERROR("%s: WaitWithTimeout(%u ms) timed out\n", remainingTimeout);
             return TSTATUS_TIMEOUT;
         }
-        if (!mReaderThreadIsRunning.load()) {
+        if (!mReaderThreadIsRunning.load() || mAbortWaitingCommand.load()) {
             PXTRACE_ERROR("%s: operation aborted\n");
             return TSTATUS_ABORTED;
         }
@@ -429,6 +437,10 @@ void* KarvexDevice::ReadThreadRoutine()
         // like POLLERR they keep an unplugged device from spinning this loop.
         if (fds[1].revents & (POLLERR | POLLHUP | POLLNVAL)) {
             PXTRACE_ERROR("%s: fds[1] (device) POLLERR event\n");
+            // No answer comes any more. A command a closing device still
+            // waits for (in a pin callback Close has to wait for) is let go.
+            if (mCloseRequested.load() && !mAbortWaitingCommand.exchange(true))
+                mResponseQueue.SetEvent();
             PxSleep(cReaderRetryDelayMs);
             continue;
         }

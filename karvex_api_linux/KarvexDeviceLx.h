@@ -106,6 +106,13 @@ private:
     PxPipe mReaderThreadTerminatePipe;
     // Written by the controlling thread, read by the reader and command threads.
     std::atomic<bool> mReaderThreadIsRunning;
+    // Close is waiting for the pin event thread, whose callback may be in a
+    // command of this device. While the adapter answers, that command gets
+    // its answer; once the reader thread finds the adapter gone, it sets
+    // mAbortWaitingCommand and wakes the command, which then gives up at once
+    // instead of holding Close until its time-out.
+    std::atomic<bool> mCloseRequested;
+    std::atomic<bool> mAbortWaitingCommand;
     KarvexReportBuffer mReadReport;
     unsigned int mMaxResponseCount;
     unsigned int mMaxEventCount;

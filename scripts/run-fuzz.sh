@@ -1,20 +1,50 @@
 #!/usr/bin/env bash
 # Builds every fuzz target (fuzz/fuzz_*.cpp) with clang into build/fuzz and
-# runs each for SECONDS seconds. Fails on a build error or on any finding
-# (crash, sanitizer report, leak, timeout, out-of-memory).
+# runs each, for a fixed time or for a fixed number of executions. Fails on a
+# build error or on any finding (crash, sanitizer report, leak, timeout,
+# out-of-memory), and in runs mode also when a target did fewer executions.
 #
-#   scripts/run-fuzz.sh [SECONDS]      (default 20)
+#   scripts/run-fuzz.sh [SECONDS]                 each target for SECONDS (default 20)
+#   scripts/run-fuzz.sh --runs N [--runs-for TARGET=M]... [--parallel J]
+#                                                 each target for N executions (TARGET for M)
+#
+# --parallel J runs up to J targets at the same time (default 1; the
+# umockdev-backed targets spend much of their time waiting on umockdev's
+# thread, so two of them share two cores well). FUZZ_BUILD sets the build
+# directory (default build/fuzz), FUZZ_JOBS the build's parallelism.
 #
 # Seeds come from fuzz/corpus/<name without fuzz_>/ and are not modified; new
-# inputs go to build/fuzz/corpus/<target>/, findings to build/fuzz/artifacts/<target>/.
+# inputs go to <build>/corpus/<target>/, findings to <build>/artifacts/<target>/,
+# each target's output to <build>/<target>.log. Per-target libFuzzer flags and
+# the wrapper a target runs under come from fuzz/CMakeLists.txt.
 set -uo pipefail
-seconds=${1:-20}
-if ! [[ "$seconds" =~ ^[0-9]+$ ]] || [ "$seconds" -eq 0 ]; then
-  echo "usage: $0 SECONDS" >&2
+usage() {
+  echo "usage: $0 [SECONDS] | --runs N [--runs-for TARGET=M]... [--parallel J]" >&2
   exit 2
-fi
+}
+seconds=20
+runs=0
+parallel=1
+declare -A runs_for=()
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --runs) [ $# -ge 2 ] || usage; runs=$2; shift 2 ;;
+    --runs-for)
+      [ $# -ge 2 ] && [[ "$2" =~ ^(fuzz_[A-Za-z0-9_]+)=([0-9]+)$ ]] || usage
+      runs_for[${BASH_REMATCH[1]}]=${BASH_REMATCH[2]}
+      shift 2 ;;
+    --parallel) [ $# -ge 2 ] || usage; parallel=$2; shift 2 ;;
+    -*) usage ;;
+    *) seconds=$1; shift ;;
+  esac
+done
+for n in "$seconds" "$runs" "$parallel"; do
+  [[ "$n" =~ ^[0-9]+$ ]] || usage
+done
+[ "$seconds" -gt 0 ] && [ "$parallel" -gt 0 ] || usage
+
 root=$(cd "$(dirname "$0")/.." && pwd)
-build="$root/build/fuzz"
+build=${FUZZ_BUILD:-$root/build/fuzz}
 jobs=${FUZZ_JOBS:-2}
 cxx=${FUZZ_CXX:-$(command -v clang++-14 || command -v clang++)}
 cc=${FUZZ_CC:-$(command -v clang-14 || command -v clang)}
@@ -37,33 +67,72 @@ cmake --build "$build" -j"$jobs" || exit 1
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:verify_asan_link_order=0}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 
-failed=0
-for src in "${targets[@]}"; do
-  name=$(basename "$src" .cpp)
-  exe="$build/$name"
-  seeds="$root/fuzz/corpus/${name#fuzz_}"
-  work="$build/corpus/$name"
-  artifacts="$build/artifacts/$name"
-  log="$build/$name.log"
+# Runs one target; the verdict goes to <log>.result ("ok" or the reason).
+run_target() {
+  local name=$1
+  local exe="$build/$name"
+  local seeds="$root/fuzz/corpus/${name#fuzz_}"
+  local work="$build/corpus/$name"
+  local artifacts="$build/artifacts/$name"
+  local log="$build/$name.log"
   mkdir -p "$work" "$artifacts"
-  rm -f "$artifacts"/*
-  wrapper=()
-  if [ -s "$build/$name.wrapper" ]; then
-    read -r -a wrapper <"$build/$name.wrapper"
-  fi
-  dirs=("$work")
+  rm -f "$artifacts"/* "$log.result"
+  local wrapper=() flags=()
+  [ -s "$build/$name.wrapper" ] && read -r -a wrapper <"$build/$name.wrapper"
+  [ -s "$build/$name.flags" ] && read -r -a flags <"$build/$name.flags"
+  local dirs=("$work")
   [ -d "$seeds" ] && dirs+=("$seeds")
-  echo "=== $name: ${seconds}s ==="
-  "${wrapper[@]}" "$exe" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+  local want=${runs_for[$name]:-$runs}
+  local limit=(-max_total_time="$seconds")
+  [ "$runs" -gt 0 ] && limit=(-runs="$want")
+  local start=$SECONDS
+  "${wrapper[@]}" "$exe" "${limit[@]}" -timeout=10 -rss_limit_mb=2048 "${flags[@]}" \
     -artifact_prefix="$artifacts/" -print_final_stats=1 "${dirs[@]}" >"$log" 2>&1
-  rc=$?
-  findings=("$artifacts"/*)
+  local rc=$?
+  local findings=("$artifacts"/*)
+  local executed
+  executed=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
   if [ $rc -ne 0 ] || [ ${#findings[@]} -ne 0 ]; then
-    echo "*** $name: exit code $rc, ${#findings[@]} finding(s) in $artifacts; end of $log:"
+    echo "exit code $rc, ${#findings[@]} finding(s) in $artifacts" >"$log.result"
+  elif [ "$runs" -gt 0 ] && [ "${executed:-0}" -lt "$want" ]; then
+    echo "only ${executed:-0} of $want executions" >"$log.result"
+  else
+    echo "ok ${executed:-?} executions in $((SECONDS - start)) s" >"$log.result"
+  fi
+}
+
+names=()
+for src in "${targets[@]}"; do
+  names+=("$(basename "$src" .cpp)")
+done
+if [ "$runs" -gt 0 ]; then
+  echo "=== fuzzing: ${#names[@]} target(s), $runs executions each, $parallel at a time ==="
+else
+  echo "=== fuzzing: ${#names[@]} target(s), ${seconds}s each, $parallel at a time ==="
+fi
+running=0
+for name in "${names[@]}"; do
+  if [ "$running" -ge "$parallel" ]; then
+    wait -n
+    running=$((running - 1))
+  fi
+  echo "--- $name started"
+  run_target "$name" &
+  running=$((running + 1))
+done
+wait
+
+failed=0
+for name in "${names[@]}"; do
+  log="$build/$name.log"
+  result=$(cat "$log.result" 2>/dev/null || echo "no result")
+  if [[ "$result" == ok* ]]; then
+    echo "=== $name: $result"
+    grep -E '^stat::(average_exec_per_sec|new_units_added|peak_rss_mb)' "$log" | sed "s/^/  /"
+  else
+    echo "*** $name: $result; end of $log:"
     tail -n 40 "$log"
     failed=$((failed + 1))
-  else
-    grep -E '^stat::number_of_executed_units|^stat::new_units_added' "$log" | sed "s/^/  /"
   fi
 done
 [ "$failed" -eq 0 ]

@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
 # Builds the library and every test three ways (plain, ASan+UBSan, TSan) and
-# runs the whole suite in each; any failure or sanitizer report fails the run.
-# FUZZ_SECONDS (default 20) bounds each fuzz target's run.
+# runs the whole suite in each; runs the integration tests of the plain build
+# once more under valgrind memcheck; then the fuzz targets. Any failure, any
+# sanitizer or memcheck report fails the run.
+#
+# FUZZ_SECONDS (default 20) bounds each fuzz target's run; 0 leaves fuzzing
+# out (CI runs scripts/run-fuzz.sh --runs afterwards instead).
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh" || exit 1
@@ -16,12 +20,43 @@ run_config() {
   cmake --build "$dir" -j"$jobs" || return 1
   (cd "$dir" && ctest --output-on-failure -j"$jobs")
 }
+
+# The integration tests (library internals against emulated adapters) under
+# valgrind memcheck: no error, no definitely lost block. valgrind and
+# umockdev's preload library work together; tests/valgrind.supp holds the
+# few umockdev/GLib artefacts (and nothing of the library).
+memcheck_one() {
+  local exe=$1 log="$1.memcheck.log"
+  if umockdev-wrapper valgrind -q --error-exitcode=99 --leak-check=full --show-leak-kinds=definite \
+      --errors-for-leak-kinds=definite --suppressions="$root/tests/valgrind.supp" "$exe" >"$log" 2>&1; then
+    echo "  $(basename "$exe"): no errors, no definite leaks"
+  else
+    echo "*** $(basename "$exe") under valgrind failed; end of $log:"
+    tail -n 60 "$log"
+    return 1
+  fi
+}
+run_memcheck() {
+  echo "=== memcheck (plain build, integration tests) ==="
+  command -v valgrind >/dev/null || { echo "valgrind not installed"; return 1; }
+  local exes=("$root"/build/plain/tests/it_*)
+  [ -x "${exes[0]}" ] || { echo "no integration tests in build/plain"; return 1; }
+  export -f memcheck_one
+  export root
+  printf '%s\n' "${exes[@]}" | xargs -P "$jobs" -I{} bash -c 'memcheck_one "$@"' _ {}
+}
+
 for cfg in "plain::RelWithDebInfo" "asan:address:Debug" "tsan:thread:RelWithDebInfo"; do
   IFS=: read -r name sanitize type <<<"$cfg"
   if run_config "$name" "$sanitize" "$type"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "*** $name build failed"; fi
+  if [ "$name" = plain ]; then
+    if run_memcheck; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "*** memcheck failed"; fi
+  fi
 done
-if [ -x "$root/scripts/run-fuzz.sh" ]; then
+if [ "${FUZZ_SECONDS:-20}" = 0 ]; then
+  echo "=== fuzzing left out (FUZZ_SECONDS=0) ==="
+elif [ -x "$root/scripts/run-fuzz.sh" ]; then
   if "$root/scripts/run-fuzz.sh" "${FUZZ_SECONDS:-20}"; then passed=$((passed + 1)); else failed=$((failed + 1)); echo "*** fuzzing failed"; fi
 fi
-echo "test configurations: $passed passed, $failed failed"
+echo "configurations: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]

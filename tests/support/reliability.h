@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <malloc.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -24,6 +25,11 @@
 #include <thread>
 #include <vector>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// From the sanitizer runtime (GCC installs no header for it).
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
+#endif
+
 namespace reliability {
 
 // A size from the environment (tests/CMakeLists.txt sets smaller ones for the
@@ -36,6 +42,18 @@ inline unsigned long EnvCount(const char* name, unsigned long fallback)
     char* end = nullptr;
     const unsigned long value = std::strtoul(text, &end, 10);
     return (end != nullptr && *end == '\0' && value > 0) ? value : fallback;
+}
+
+// umockdev builds its testbed (a fake sysfs of many small files, created
+// anew at every plug) under $TMPDIR. On a disk file system that costs far
+// more than the library's own work in a test that plugs hundreds of times;
+// a memory file system keeps the run short. Call it before the first
+// testbed exists (GLib reads $TMPDIR once); a TMPDIR set by the caller wins.
+inline bool PreferMemoryFileSystemForTestbeds()
+{
+    if (std::getenv("TMPDIR") != nullptr || access("/dev/shm", W_OK | X_OK) != 0)
+        return false;
+    return setenv("TMPDIR", "/dev/shm", 0) == 0;
 }
 
 // What each application thread of a test did last, for the watchdog's report.
@@ -159,6 +177,17 @@ inline unsigned long StatusKb(const char* field)
 }
 inline unsigned long RssKb() { return StatusKb("VmRSS"); }
 inline unsigned long PeakRssKb() { return StatusKb("VmHWM"); }
+
+// Heap bytes in use. The sanitizers replace malloc and keep freed blocks in
+// quarantine, which makes the RSS of their builds grow with every allocation
+// however short-lived; their allocator counts only live blocks.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool cSanitizedHeap = true;
+inline unsigned long HeapInUseBytes() { return __sanitizer_get_current_allocated_bytes(); }
+#else
+constexpr bool cSanitizedHeap = false;
+inline unsigned long HeapInUseBytes() { return mallinfo2().uordblks; }
+#endif
 
 // Sends standard output (where the library traces) into a pipe for a while
 // and counts the lines equal to one given line, without keeping them:

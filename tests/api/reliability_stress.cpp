@@ -1,0 +1,420 @@
+// Eight application threads hammer two adapters through the public API for a
+// fixed number of operations: pin and I2C calls mixed with closing and
+// reopening the adapters, pin callback (re)registration and device-change
+// callback (re)registration, while the callbacks themselves call exported
+// functions and an emulator thread toggles event pins, plugs a third adapter
+// in and out and re-sends its arrival.
+//
+// It must not deadlock (a watchdog aborts with each thread's last operation
+// and a gdb dump of all stacks), and no answer may be lost or given to the
+// wrong call: each thread owns one pin and 32 EEPROM bytes on each adapter,
+// so every GetPinState/GetPinMode and every EEPROM read-back has exactly one
+// right answer, which is also what the emulated firmware holds at the end.
+// A call may fail only because its handle was closed under it (another
+// thread reopening the adapter): TSTATUS_INVALID_HANDLE, TSTATUS_ABORTED or
+// TSTATUS_NOT_OPENED; the thread then takes the new handle and carries on.
+// The TSan build runs this too.
+#include "support/api_fixture.h"
+#include "support/reliability.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+using namespace karvex_test;
+
+namespace {
+
+const bool kMemoryTestbeds = reliability::PreferMemoryFileSystemForTestbeds();
+
+constexpr unsigned kThreads = 8;
+constexpr unsigned kEventPin = 15;
+constexpr unsigned kEepromAddress = 0x50;
+constexpr unsigned kRegionBytes = 32; // EEPROM bytes per thread
+
+std::string Name(TSTATUS st)
+{
+    char text[64];
+    std::snprintf(text, sizeof text, "0x%08X %s", static_cast<unsigned>(st), TStatusStringA(st));
+    return text;
+}
+
+bool WaitUntilFor(const std::function<bool()>& pred, std::chrono::milliseconds limit)
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return pred();
+        usleep(200);
+    }
+    return true;
+}
+
+// What a call may return when another thread closes its handle under it.
+bool ClosedUnderIt(TSTATUS st)
+{
+    return st == TSTATUS_INVALID_HANDLE || st == TSTATUS_ABORTED || st == TSTATUS_NOT_OPENED;
+}
+
+// One of the two adapters everybody works on. Its handle is replaced now and
+// then (close, then open: never two handles on one adapter, whose answers
+// every open descriptor would see).
+struct Shared {
+    EmulatedAdapter* adapter = nullptr;
+    std::atomic<KARVEXDeviceHandle> handle{0};
+    std::mutex reopen;
+    std::atomic<unsigned> reopened{0};
+};
+
+// umockdev's preload library is not safe when one thread changes the
+// testbed or sends a uevent while another reads sysfs (they share static
+// buffers in it). Opening, enumerating and starting the hot-plug watch read
+// sysfs, so the threads that do so take this lock, as does the emulator
+// thread for its changes. The library's hot-plug thread reads sysfs on its
+// own, for every event: so the emulator thread plugs and unplugs only while
+// no device-change callback is registered (no hot-plug thread runs), and
+// while one is, it re-sends the "add" event of a present adapter (as
+// "udevadm trigger" does) and keeps the lock until the callback has run.
+std::mutex gSysfs;
+bool gChangeCallbackRegistered = false; // under gSysfs
+
+struct Failures {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+    void Add(const std::string& line)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (lines.size() < 40)
+            lines.push_back(line);
+    }
+};
+
+struct PinCallbackContext {
+    Shared* shared = nullptr;
+    std::atomic<unsigned> calls{0};
+    std::atomic<unsigned> bad{0};
+    std::atomic<TSTATUS> lastBad{TSTATUS_SUCCESS};
+};
+
+// Pin callback: reads the event pin's mode back on the pin event thread.
+void OnPin(void* context, unsigned int pin, KARVEX_GPIOState state)
+{
+    auto* c = static_cast<PinCallbackContext*>(context);
+    ++c->calls;
+    KARVEX_GPIOMode mode = GPIOMode_Input;
+    const TSTATUS st = KARVEX_GetPinMode(c->shared->handle.load(), kEventPin, &mode);
+    const bool ok = (st == TSTATUS_SUCCESS && mode == GPIOMode_InputEvent) || ClosedUnderIt(st);
+    if (!ok || pin != kEventPin || (state != GPIOState_Low && state != GPIOState_High)) {
+        ++c->bad;
+        c->lastBad = st;
+    }
+}
+
+struct ChangeContext {
+    std::atomic<unsigned> calls{0};
+    std::atomic<unsigned> bad{0};
+};
+
+// Device-change callback: enumerates on the hot-plug thread.
+void OnChange(void* context, KARVEXDeviceEvent event)
+{
+    auto* c = static_cast<ChangeContext*>(context);
+    unsigned int count = 0;
+    const TSTATUS st = KARVEX_EnumerateDevices(&count);
+    char id[64];
+    const bool ok = st == TSTATUS_SUCCESS && count >= 2 && count <= 3 &&
+                    KARVEX_GetDeviceInstanceId(0, id, sizeof id) == TSTATUS_SUCCESS &&
+                    (event == KARVEXEvent_DeviceAttached || event == KARVEXEvent_DeviceRemoved);
+    if (!ok)
+        ++c->bad;
+    ++c->calls;
+}
+
+// What one thread believes its pin and EEPROM region on one adapter hold;
+// "known" is false after a set that may or may not have reached the adapter.
+struct Model {
+    KARVEX_GPIOState level = GPIOState_Low;
+    bool levelKnown = false;
+    std::array<std::uint8_t, kRegionBytes> bytes{};
+    bool bytesKnown = false;
+};
+
+class StressTest : public ApiTest {
+protected:
+    void Worker(unsigned t, unsigned iterations);
+    void Reopen(Shared& s, unsigned t);
+    void Check(unsigned t, const char* what, TSTATUS st);
+
+    Shared mShared[2];
+    PinCallbackContext mPinContext[2];
+    ChangeContext mChangeContext;
+    Failures mFailures;
+    reliability::Activity mActivity;
+    std::atomic<unsigned long> mCalls{0};
+    std::atomic<unsigned long> mClosedUnderIt{0};
+    std::atomic<unsigned> mReopenTurn{0};
+    Model mModels[kThreads][2];
+};
+
+void StressTest::Check(unsigned t, const char* what, TSTATUS st)
+{
+    ++mCalls;
+    if (st == TSTATUS_SUCCESS)
+        return;
+    if (ClosedUnderIt(st)) {
+        ++mClosedUnderIt;
+        return;
+    }
+    mFailures.Add("thread " + std::to_string(t) + ": " + what + ": " + Name(st));
+}
+
+void StressTest::Reopen(Shared& s, unsigned t)
+{
+    std::lock_guard<std::mutex> reopen(s.reopen);
+    const KARVEXDeviceHandle old = s.handle.exchange(0);
+    const TSTATUS closed = KARVEX_CloseDevice(old);
+    if (closed != TSTATUS_SUCCESS)
+        mFailures.Add("thread " + std::to_string(t) + ": close for reopen: " + Name(closed));
+    KARVEXDeviceHandle h = 0;
+    TSTATUS st;
+    {
+        std::lock_guard<std::mutex> sysfs(gSysfs);
+        st = KARVEX_OpenDevice(s.adapter->device->DevNode().c_str(), &h);
+    }
+    if (st != TSTATUS_SUCCESS)
+        mFailures.Add("thread " + std::to_string(t) + ": reopen: " + Name(st));
+    s.handle = h;
+    ++s.reopened;
+}
+
+void StressTest::Worker(unsigned t, unsigned iterations)
+{
+    const unsigned pin = t; // each thread's own pin, on both adapters
+    for (unsigned i = 0; i < iterations && !HasFailure(); ++i) {
+        const unsigned which = (i / 2 + t) & 1;
+        Shared& s = mShared[which];
+        Model& m = mModels[t][which];
+        KARVEXDeviceHandle h = s.handle.load();
+        if (h == 0) {
+            // Being reopened: wait for the new handle rather than spin
+            // through the iterations with none.
+            std::lock_guard<std::mutex> reopen(s.reopen);
+            h = s.handle.load();
+        }
+        switch ((i * 7 + t) % 12) {
+        case 0:
+        case 1: {
+            mActivity.Set(t, "SetPinState + GetPinState");
+            const KARVEX_GPIOState want = ((i / 3) & 1) ? GPIOState_High : GPIOState_Low;
+            TSTATUS st = KARVEX_SetPinState(h, pin, want);
+            Check(t, "SetPinState", st);
+            m.levelKnown = st == TSTATUS_SUCCESS;
+            m.level = want;
+            KARVEX_GPIOState got = GPIOState_Low;
+            st = KARVEX_GetPinState(h, pin, &got);
+            Check(t, "GetPinState", st);
+            if (st == TSTATUS_SUCCESS && m.levelKnown && got != want)
+                mFailures.Add("thread " + std::to_string(t) + ": GetPinState answered " + std::to_string(got) +
+                              ", the pin holds " + std::to_string(want));
+            break;
+        }
+        case 2:
+        case 3: {
+            mActivity.Set(t, "I2C write + read back");
+            unsigned char write[1 + 8];
+            const unsigned offset = (i % 4) * 8;
+            write[0] = static_cast<unsigned char>(t * kRegionBytes + offset);
+            for (unsigned b = 0; b < 8; ++b)
+                write[1 + b] = static_cast<unsigned char>(t * 31 + i * 3 + b);
+            TSTATUS st = KARVEX_I2cTransaction(h, 0, 400000, kEepromAddress, write, sizeof write, nullptr, 0, 100);
+            Check(t, "I2C write", st);
+            if (st == TSTATUS_SUCCESS)
+                std::memcpy(&m.bytes[offset], write + 1, 8);
+            else
+                m.bytesKnown = false; // the write may have happened
+            unsigned char address = static_cast<unsigned char>(t * kRegionBytes);
+            std::array<std::uint8_t, kRegionBytes> read{};
+            st = KARVEX_I2cTransaction(h, 0, 400000, kEepromAddress, &address, 1, read.data(), kRegionBytes, 100);
+            Check(t, "I2C read", st);
+            if (st == TSTATUS_SUCCESS) {
+                if (m.bytesKnown && read != m.bytes)
+                    mFailures.Add("thread " + std::to_string(t) + ": EEPROM read back differs from what was written");
+                m.bytes = read; // what the adapter holds from now on
+                m.bytesKnown = true;
+            }
+            break;
+        }
+        case 4: {
+            mActivity.Set(t, "GetPinMode");
+            KARVEX_GPIOMode mode = GPIOMode_Input;
+            const TSTATUS st = KARVEX_GetPinMode(h, pin, &mode);
+            Check(t, "GetPinMode", st);
+            if (st == TSTATUS_SUCCESS && mode != GPIOMode_Output_Low && mode != GPIOMode_Output_High)
+                mFailures.Add("thread " + std::to_string(t) + ": GetPinMode answered " + std::to_string(mode));
+            break;
+        }
+        case 5:
+            mActivity.Set(t, "RegisterPinEventCallback(callback)");
+            Check(t, "RegisterPinEventCallback", KARVEX_RegisterPinEventCallback(h, OnPin, &mPinContext[which]));
+            break;
+        case 6:
+            mActivity.Set(t, "RegisterPinEventCallback(NULL)");
+            Check(t, "RegisterPinEventCallback(NULL)", KARVEX_RegisterPinEventCallback(h, nullptr, nullptr));
+            break;
+        case 7: {
+            mActivity.Set(t, "RegisterDeviceChangeCallback");
+            std::lock_guard<std::mutex> sysfs(gSysfs);
+            const bool on = (i / 12 + t) & 1;
+            Check(t, "RegisterDeviceChangeCallback",
+                  KARVEX_RegisterDeviceChangeCallback(on ? OnChange : nullptr, on ? &mChangeContext : nullptr));
+            gChangeCallbackRegistered = on;
+            break;
+        }
+        case 8:
+            mActivity.Set(t, "close + reopen");
+            if (const unsigned turn = mReopenTurn++; turn % 3 == 0)
+                Reopen(mShared[(turn / 3) & 1], t);
+            break;
+        case 9: {
+            mActivity.Set(t, "queries");
+            unsigned int vid = 0, pid = 0, bcd = 0;
+            TSTATUS st = KARVEX_GetDeviceUsbInfo(h, &vid, &pid, &bcd);
+            Check(t, "GetDeviceUsbInfo", st);
+            if (st == TSTATUS_SUCCESS && (vid != KARVEX_USB_VENDOR_ID || pid != s.adapter->device->Config().pid))
+                mFailures.Add("thread " + std::to_string(t) + ": GetDeviceUsbInfo answered another adapter");
+            char serial[32];
+            st = KARVEX_GetDeviceSerialNumber(h, serial, sizeof serial);
+            Check(t, "GetDeviceSerialNumber", st);
+            st = KARVEX_CheckDeviceConnection(h);
+            Check(t, "CheckDeviceConnection", st);
+            break;
+        }
+        case 10: {
+            mActivity.Set(t, "EnumerateDevices");
+            std::lock_guard<std::mutex> sysfs(gSysfs);
+            unsigned int count = 0;
+            Check(t, "EnumerateDevices", KARVEX_EnumerateDevices(&count));
+            break;
+        }
+        default: {
+            mActivity.Set(t, "SetPinMode");
+            const KARVEX_GPIOMode mode = (i & 2) ? GPIOMode_Output_High : GPIOMode_Output_Low;
+            const TSTATUS st = KARVEX_SetPinMode(h, pin, mode);
+            Check(t, "SetPinMode", st);
+            // An output mode drives the level too.
+            m.levelKnown = st == TSTATUS_SUCCESS;
+            m.level = mode == GPIOMode_Output_High ? GPIOState_High : GPIOState_Low;
+            break;
+        }
+        }
+    }
+    mActivity.Set(t, "finished");
+}
+
+TEST_F(StressTest, EightThreadsTwoAdaptersNoDeadlockNoLostAnswer)
+{
+    const unsigned iterations = static_cast<unsigned>(reliability::EnvCount("KARVEX_STRESS_ITERATIONS", 300));
+    reliability::Watchdog watchdog(std::chrono::seconds(240), &mActivity);
+    for (unsigned a = 0; a < 2; ++a) {
+        EmulatedAdapter& adapter = AddAdapter(a == 0 ? KARVEX_USB_PRODUCT_ID_1 : KARVEX_USB_PRODUCT_ID_2,
+                                              a == 0 ? "STRESS-A" : "STRESS-B");
+        mShared[a].adapter = &adapter;
+        KARVEXDeviceHandle h = 0;
+        ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_OpenDevice(adapter.device->DevNode().c_str(), &h));
+        mShared[a].handle = h;
+        mPinContext[a].shared = &mShared[a];
+        ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinMode(h, kEventPin, GPIOMode_InputEvent));
+        for (unsigned t = 0; t < kThreads; ++t) {
+            ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinMode(h, t, GPIOMode_Output_Low));
+            mModels[t][a].levelKnown = true;
+        }
+    }
+    // The third adapter only comes and goes.
+    kemu::EmuHidDevice& roaming = mTestbed->AddDevice(kemu::AdapterConfig(KARVEX_USB_PRODUCT_ID_3, "ROAMING"));
+
+    std::atomic<bool> stop{false};
+    std::atomic<unsigned> plugs{0};
+    std::atomic<unsigned> triggers{0};
+    std::atomic<unsigned> lostNotifications{0};
+    std::thread emulator([&] {
+        mActivity.Set(kThreads, "emulator: events and plugging");
+        for (unsigned n = 0; !stop; ++n) {
+            for (unsigned a = 0; a < 2; ++a)
+                mShared[a].adapter->firmware->SetInputLevel(kEventPin, n & 1);
+            if (n % 8 == 0) {
+                std::lock_guard<std::mutex> sysfs(gSysfs);
+                if (!gChangeCallbackRegistered) {
+                    if (roaming.IsPlugged())
+                        roaming.Unplug();
+                    else
+                        roaming.Plug();
+                    ++plugs;
+                } else if (roaming.IsPlugged()) {
+                    const unsigned before = mChangeContext.calls;
+                    roaming.SendUevent("add");
+                    ++triggers;
+                    if (!WaitUntilFor([&] { return mChangeContext.calls != before; }, std::chrono::seconds(5)))
+                        ++lostNotifications;
+                }
+            }
+            usleep(2000);
+        }
+        mActivity.Set(kThreads, "emulator: stopped");
+    });
+
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<std::thread> workers;
+    for (unsigned t = 0; t < kThreads; ++t)
+        workers.emplace_back([this, t, iterations] { Worker(t, iterations); });
+    for (auto& w : workers)
+        w.join();
+    stop = true;
+    emulator.join();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+
+    {
+        std::lock_guard<std::mutex> sysfs(gSysfs);
+        EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(nullptr, nullptr));
+    }
+    std::printf("  stress: %u threads x %u iterations, %lu calls in %.1f s (%lu failed because their handle was "
+                "closed under them), %u + %u reopens, %u plugs and unplugs, %u re-sent add events, %u pin callbacks, %u "
+                "device-change callbacks\n",
+                kThreads, iterations, mCalls.load(), seconds, mClosedUnderIt.load(), mShared[0].reopened.load(),
+                mShared[1].reopened.load(), plugs.load(), triggers.load(), mPinContext[0].calls + mPinContext[1].calls,
+                mChangeContext.calls.load());
+    for (const std::string& line : mFailures.lines)
+        ADD_FAILURE() << line;
+    EXPECT_EQ(0u, lostNotifications.load()) << "a re-sent add event was not reported";
+    EXPECT_GT(triggers.load(), 0u);
+    EXPECT_GT(plugs.load(), 0u);
+    EXPECT_EQ(0u, mPinContext[0].bad + mPinContext[1].bad) << Name(mPinContext[0].lastBad) << " "
+                                                            << Name(mPinContext[1].lastBad);
+    EXPECT_EQ(0u, mChangeContext.bad.load());
+    EXPECT_GT(mPinContext[0].calls + mPinContext[1].calls, 0u);
+
+    // What the firmware holds is what the threads last saw succeed.
+    for (unsigned a = 0; a < 2; ++a) {
+        const KARVEXDeviceHandle h = mShared[a].handle;
+        EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, nullptr, nullptr));
+        for (unsigned t = 0; t < kThreads; ++t) {
+            const Model& m = mModels[t][a];
+            if (m.levelKnown) {
+                EXPECT_EQ(m.level == GPIOState_High, mShared[a].adapter->firmware->PinLevel(t)) << "adapter " << a
+                                                                                                << " pin " << t;
+            }
+            if (m.bytesKnown) {
+                const std::vector<std::uint8_t> held = mShared[a].adapter->eeprom->Read(t * kRegionBytes, kRegionBytes);
+                EXPECT_TRUE(std::equal(held.begin(), held.end(), m.bytes.begin()))
+                    << "adapter " << a << " EEPROM region of thread " << t;
+            }
+        }
+        EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_CloseDevice(h));
+    }
+}
+
+} // namespace
