@@ -363,12 +363,8 @@ TSTATUS KarvexDevice::GetProtocolVersion(T_UINT8& protocolVersionMajor, T_UINT8&
     TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
 
     BuildCommand(THID_CMD_GET_PROTOCOL_VERSION, THID_MSG_LEN_HEADER_ONLY);
-    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
-    if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
-        return st;
-    }
-    st = CheckResponse(__PRETTY_FUNCTION__, THID_RSP_GET_PROTOCOL_VERSION, THID_MSG_LEN_PROTOCOL_VERSION, KARVEX_TRACE_ERROR);
+    const TSTATUS st = Exchange(__PRETTY_FUNCTION__, mCommandTimeout, THID_RSP_GET_PROTOCOL_VERSION,
+                                THID_MSG_LEN_PROTOCOL_VERSION, KARVEX_TRACE_ERROR);
     if (st != TSTATUS_SUCCESS)
         return st;
     const THID_ProtocolVersion* version = mResponseReport.Payload<THID_ProtocolVersion>();
@@ -499,129 +495,120 @@ void KarvexDevice::ProcessReceivedReport(KarvexReportBuffer& report)
 }
 
 // ---------------------------------------------------------------------------
+// Common steps of every command; the trace lines carry the signature of the
+// operation that runs the command.
+
+bool KarvexDevice::ReadyForCommand(const char* signature)
+{
+    if (!IsOpen()) {
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: not opened\n", signature);
+        return false;
+    }
+    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
+    return true;
+}
+
+TSTATUS KarvexDevice::Exchange(const char* signature, unsigned int waitTimeout, T_UINT8 expectedCode,
+                               T_UINT16 expectedLength, unsigned int statusTraceMask)
+{
+    const TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, waitTimeout);
+    if (st != TSTATUS_SUCCESS) {
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: ExecuteCommand failed, err = 0x%08X\n", signature, static_cast<unsigned int>(st));
+        return st;
+    }
+    return CheckResponse(signature, expectedCode, expectedLength, statusTraceMask);
+}
+
+bool KarvexDevice::PinIdEchoed(const char* signature, unsigned int pinId)
+{
+    // THID_PinMode and THID_PinState both start with the pin id.
+    const unsigned int echoed = mResponseReport.Payload<THID_PinState>()->pinId.Get();
+    if (echoed == pinId)
+        return true;
+    if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+        tprint("%s: Pin ID mismatch, got %u, exp. %u\n", signature, echoed, pinId);
+    return false;
+}
+
+// ---------------------------------------------------------------------------
 // Pin operations
 
 TSTATUS KarvexDevice::SetPinMode(unsigned int pinId, KARVEX_GPIOMode mode)
 {
-    if (!IsOpen()) {
-        PXTRACE_ERROR("%s: not opened\n");
+    if (!ReadyForCommand(__PRETTY_FUNCTION__))
         return TSTATUS_NOT_OPENED;
-    }
-    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
-    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
     // The unique ID is drawn before the mode is checked: a refused mode uses
     // one up, and the adapter then sees the IDs skip a value.
     BuildCommand(THID_CMD_SET_PIN_MODE, THID_MSG_LEN_PIN);
     THID_PinMode* payload = mCommandReport.Payload<THID_PinMode>();
     payload->pinId.Set(pinId);
-    switch (mode) {
-    case GPIOMode_Input:
-    case GPIOMode_InputEvent:
-    case GPIOMode_Output_Low:
-    case GPIOMode_Output_High:
-        payload->pinMode = static_cast<T_UINT8>(mode);
-        break;
-    default:
+    if (mode < GPIOMode_Input || mode > GPIOMode_Output_High) {
         PXTRACE_ERROR("%s: unsupported pin mode %d\n", static_cast<int>(mode));
         return TSTATUS_INVALID_PARAMETER;
     }
-    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
-    if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
-        return st;
-    }
-    return CheckResponse(__PRETTY_FUNCTION__, THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
+    payload->pinMode = static_cast<T_UINT8>(mode);
+    return Exchange(__PRETTY_FUNCTION__, mCommandTimeout, THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
 }
 
 TSTATUS KarvexDevice::SetPinState(unsigned int pinId, KARVEX_GPIOState state)
 {
-    if (!IsOpen()) {
-        PXTRACE_ERROR("%s: not opened\n");
+    if (!ReadyForCommand(__PRETTY_FUNCTION__))
         return TSTATUS_NOT_OPENED;
-    }
-    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
-    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
     BuildCommand(THID_CMD_SET_PIN_STATE, THID_MSG_LEN_PIN);
     THID_PinState* payload = mCommandReport.Payload<THID_PinState>();
     payload->pinId.Set(pinId);
-    switch (state) {
-    case GPIOState_Low:
-    case GPIOState_High:
-        payload->pinState = static_cast<T_UINT8>(state);
-        break;
-    default:
+    if (state < GPIOState_Low || state > GPIOState_High) {
         PXTRACE_ERROR("%s: unsupported pin state %d\n", static_cast<int>(state));
         return TSTATUS_INVALID_PARAMETER;
     }
-    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
-    if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
-        return st;
-    }
-    return CheckResponse(__PRETTY_FUNCTION__, THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
+    payload->pinState = static_cast<T_UINT8>(state);
+    return Exchange(__PRETTY_FUNCTION__, mCommandTimeout, THID_RSP_ACK, THID_MSG_LEN_HEADER_ONLY, KARVEX_TRACE_ERROR);
 }
 
 TSTATUS KarvexDevice::GetPinState(unsigned int pinId, KARVEX_GPIOState& state)
 {
-    if (!IsOpen()) {
-        PXTRACE_ERROR("%s: not opened\n");
+    if (!ReadyForCommand(__PRETTY_FUNCTION__))
         return TSTATUS_NOT_OPENED;
-    }
     state = GPIOState_Low;
-    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
-    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
     BuildCommand(THID_CMD_GET_PIN_STATE, THID_MSG_LEN_PIN);
     mCommandReport.Payload<THID_PinState>()->pinId.Set(pinId);
-    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
-    if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
-        return st;
-    }
-    st = CheckResponse(__PRETTY_FUNCTION__, THID_RSP_GET_PIN_STATE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
+    TSTATUS st =
+        Exchange(__PRETTY_FUNCTION__, mCommandTimeout, THID_RSP_GET_PIN_STATE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
     if (st != TSTATUS_SUCCESS)
         return st;
-    const THID_PinState* answer = mResponseReport.Payload<THID_PinState>();
-    if (answer->pinId.Get() != pinId) {
-        PXTRACE_ERROR("%s: Pin ID mismatch, got %u, exp. %u\n", static_cast<unsigned int>(answer->pinId.Get()), pinId);
+    if (!PinIdEchoed(__PRETTY_FUNCTION__, pinId))
         return TSTATUS_PIN_ID_MISMATCH;
-    }
-    if (answer->pinState > GPIOState_High) {
-        PXTRACE_ERROR("%s: received unsupported pin state %u\n", static_cast<unsigned int>(answer->pinState));
+    const T_UINT8 value = mResponseReport.Payload<THID_PinState>()->pinState;
+    if (value > GPIOState_High) {
+        PXTRACE_ERROR("%s: received unsupported pin state %u\n", static_cast<unsigned int>(value));
         return TSTATUS_UNSUPPORTED_PIN_STATE;
     }
-    state = static_cast<KARVEX_GPIOState>(answer->pinState);
+    state = static_cast<KARVEX_GPIOState>(value);
     return TSTATUS_SUCCESS;
 }
 
 TSTATUS KarvexDevice::GetPinMode(unsigned int pinId, KARVEX_GPIOMode& mode)
 {
-    if (!IsOpen()) {
-        PXTRACE_ERROR("%s: not opened\n");
+    if (!ReadyForCommand(__PRETTY_FUNCTION__))
         return TSTATUS_NOT_OPENED;
-    }
     mode = GPIOMode_Input;
-    TB_ASSERT(mCommandReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
-    TB_ASSERT(mResponseReport.ReportDataSize() >= THID_MAX_MESSAGE_SIZE);
     BuildCommand(THID_CMD_GET_PIN_MODE, THID_MSG_LEN_PIN);
     mCommandReport.Payload<THID_PinMode>()->pinId.Set(pinId);
-    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, mCommandTimeout);
-    if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
-        return st;
-    }
-    st = CheckResponse(__PRETTY_FUNCTION__, THID_RSP_GET_PIN_MODE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
+    TSTATUS st =
+        Exchange(__PRETTY_FUNCTION__, mCommandTimeout, THID_RSP_GET_PIN_MODE, THID_MSG_LEN_PIN, KARVEX_TRACE_ERROR);
     if (st != TSTATUS_SUCCESS)
         return st;
-    const THID_PinMode* answer = mResponseReport.Payload<THID_PinMode>();
-    if (answer->pinId.Get() != pinId) {
-        PXTRACE_ERROR("%s: Pin ID mismatch, got %u, exp. %u\n", static_cast<unsigned int>(answer->pinId.Get()), pinId);
+    if (!PinIdEchoed(__PRETTY_FUNCTION__, pinId))
         return TSTATUS_PIN_ID_MISMATCH;
-    }
-    if (answer->pinMode > GPIOMode_Output_High) {
-        PXTRACE_ERROR("%s: received unsupported pin mode %u\n", static_cast<unsigned int>(answer->pinMode));
+    const T_UINT8 value = mResponseReport.Payload<THID_PinMode>()->pinMode;
+    if (value > GPIOMode_Output_High) {
+        PXTRACE_ERROR("%s: received unsupported pin mode %u\n", static_cast<unsigned int>(value));
         return TSTATUS_UNSUPPORTED_PIN_MODE;
     }
-    mode = static_cast<KARVEX_GPIOMode>(answer->pinMode);
+    mode = static_cast<KARVEX_GPIOMode>(value);
     return TSTATUS_SUCCESS;
 }
 
@@ -687,14 +674,10 @@ TSTATUS KarvexDevice::I2cTransaction(unsigned int i2cBus, unsigned int i2cSpeed,
     unsigned int hostTimeout = 2 * timeoutInterval;
     if (hostTimeout < mI2cMinTimeout)
         hostTimeout = mI2cMinTimeout;
-    TSTATUS st = ExecuteCommand(mCommandReport, mResponseReport, hostTimeout);
-    if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ExecuteCommand failed, err = 0x%08X\n", static_cast<unsigned int>(st));
-        return st;
-    }
     // A failing transfer (say, a slave that does not acknowledge) is an
     // ordinary outcome on a bus, so its status is not traced as an error.
-    st = CheckResponse(__PRETTY_FUNCTION__, THID_RSP_I2C_TRANSACTION, THID_MSG_LEN_I2C, KARVEX_TRACE_INFO);
+    const TSTATUS st =
+        Exchange(__PRETTY_FUNCTION__, hostTimeout, THID_RSP_I2C_TRANSACTION, THID_MSG_LEN_I2C, KARVEX_TRACE_INFO);
     if (st != TSTATUS_SUCCESS)
         return st;
     if (bytesToRead > 0)

@@ -81,6 +81,13 @@ private:
     // calling operation (function: its __PRETTY_FUNCTION__).
     TSTATUS CheckResponse(const char* function, T_UINT8 expectedCode, T_UINT16 expectedLength,
                           unsigned int statusTraceMask);
+    // Not open: traced with the operation's signature, false.
+    bool ReadyForCommand(const char* signature);
+    // ExecuteCommand on the device's buffers, then the checks of the answer's
+    // status, code and length, all traced with the operation's signature.
+    TSTATUS Exchange(const char* signature, unsigned int waitTimeout, T_UINT8 expectedCode, T_UINT16 expectedLength,
+                     unsigned int statusTraceMask);
+    bool PinIdEchoed(const char* signature, unsigned int pinId);
     TSTATUS ExecuteCommand(KarvexReportBuffer& command, KarvexReportBuffer& response, unsigned int waitTimeout);
     TSTATUS GetProtocolVersion(T_UINT8& protocolVersionMajor, T_UINT8& protocolVersionMinor);
 
