@@ -5,8 +5,9 @@
 # out-of-memory), and in runs mode also when a target did fewer executions.
 #
 #   scripts/run-fuzz.sh [SECONDS]                 each target for SECONDS (default 20)
-#   scripts/run-fuzz.sh --runs N [--runs-for TARGET=M]... [--parallel J]
-#                                                 each target for N executions (TARGET for M)
+#   scripts/run-fuzz.sh --runs N [--runs-for TARGET=M]... [--time-for TARGET=S]... [--parallel J]
+#                                                 each target for N executions (TARGET for M
+#                                                 executions, or for S seconds)
 #
 # --parallel J runs up to J targets at the same time (default 1; the
 # umockdev-backed targets spend much of their time waiting on umockdev's
@@ -19,19 +20,24 @@
 # the wrapper a target runs under come from fuzz/CMakeLists.txt.
 set -uo pipefail
 usage() {
-  echo "usage: $0 [SECONDS] | --runs N [--runs-for TARGET=M]... [--parallel J]" >&2
+  echo "usage: $0 [SECONDS] | --runs N [--runs-for TARGET=M]... [--time-for TARGET=S]... [--parallel J]" >&2
   exit 2
 }
 seconds=20
 runs=0
 parallel=1
 declare -A runs_for=()
+declare -A time_for=()
 while [ $# -gt 0 ]; do
   case "$1" in
     --runs) [ $# -ge 2 ] || usage; runs=$2; shift 2 ;;
     --runs-for)
       [ $# -ge 2 ] && [[ "$2" =~ ^(fuzz_[A-Za-z0-9_]+)=([0-9]+)$ ]] || usage
       runs_for[${BASH_REMATCH[1]}]=${BASH_REMATCH[2]}
+      shift 2 ;;
+    --time-for)
+      [ $# -ge 2 ] && [[ "$2" =~ ^(fuzz_[A-Za-z0-9_]+)=([0-9]+)$ ]] || usage
+      time_for[${BASH_REMATCH[1]}]=${BASH_REMATCH[2]}
       shift 2 ;;
     --parallel) [ $# -ge 2 ] || usage; parallel=$2; shift 2 ;;
     -*) usage ;;
@@ -85,6 +91,12 @@ run_target() {
   local want=${runs_for[$name]:-$runs}
   local limit=(-max_total_time="$seconds")
   [ "$runs" -gt 0 ] && limit=(-runs="$want")
+  # A target whose executions can each wait out an adapter's time-out (a
+  # descriptor the firmware cannot answer for) is bounded by time instead.
+  if [ "$runs" -gt 0 ] && [ "${time_for[$name]:-0}" -gt 0 ]; then
+    limit=(-max_total_time="${time_for[$name]}")
+    want=0
+  fi
   local start=$SECONDS
   "${wrapper[@]}" "$exe" "${limit[@]}" -timeout=10 -rss_limit_mb=2048 "${flags[@]}" \
     -artifact_prefix="$artifacts/" -print_final_stats=1 "${dirs[@]}" >"$log" 2>&1
