@@ -58,56 +58,39 @@ TSTATUS LxStopwatch::ElapsedTime(timespec& elapsedTime) const
     return TSTATUS_SUCCESS;
 }
 
-long LxStopwatch::ElapsedSeconds() const
+long LxStopwatch::Elapsed(const char* signature, long unitsPerSecond) const
 {
     if (!mIsStarted)
         return 0;
     timespec t;
-    TSTATUS st = ElapsedTime(t);
+    const TSTATUS st = ElapsedTime(t);
     if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ElapsedTime failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: ElapsedTime failed, err = 0x%08X\n", signature, static_cast<unsigned int>(st));
         return 0;
     }
-    return static_cast<long>(t.tv_sec) + t.tv_nsec / 1000000000L;
+    // Both parts truncate: the result is never rounded up.
+    return static_cast<long>(t.tv_sec) * unitsPerSecond + t.tv_nsec / (1000000000L / unitsPerSecond);
+}
+
+long LxStopwatch::ElapsedSeconds() const
+{
+    return Elapsed(__PRETTY_FUNCTION__, 1L);
 }
 
 long LxStopwatch::ElapsedMilliseconds() const
 {
-    if (!mIsStarted)
-        return 0;
-    timespec t;
-    TSTATUS st = ElapsedTime(t);
-    if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ElapsedTime failed, err = 0x%08X\n", static_cast<unsigned int>(st));
-        return 0;
-    }
-    return static_cast<long>(t.tv_sec) * 1000L + t.tv_nsec / 1000000L;
+    return Elapsed(__PRETTY_FUNCTION__, 1000L);
 }
 
 long LxStopwatch::ElapsedMicroseconds() const
 {
-    if (!mIsStarted)
-        return 0;
-    timespec t;
-    TSTATUS st = ElapsedTime(t);
-    if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ElapsedTime failed, err = 0x%08X\n", static_cast<unsigned int>(st));
-        return 0;
-    }
-    return static_cast<long>(t.tv_sec) * 1000000L + t.tv_nsec / 1000L;
+    return Elapsed(__PRETTY_FUNCTION__, 1000000L);
 }
 
 long LxStopwatch::ElapsedNanoSeconds() const
 {
-    if (!mIsStarted)
-        return 0;
-    timespec t;
-    TSTATUS st = ElapsedTime(t);
-    if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: ElapsedTime failed, err = 0x%08X\n", static_cast<unsigned int>(st));
-        return 0;
-    }
-    return static_cast<long>(t.tv_sec) * 1000000000L + t.tv_nsec;
+    return Elapsed(__PRETTY_FUNCTION__, 1000000000L);
 }
 
 TSTATUS LxStopwatch::ClockResolution(timespec& resolution)

@@ -28,6 +28,9 @@ public:
     TSTATUS ClockResolution(timespec& resolution);
 
 private:
+    // Elapsed time in units of 1/unitsPerSecond s; 0 (traced with the
+    // caller's signature) when it cannot be read.
+    long Elapsed(const char* signature, long unitsPerSecond) const;
     LxStopwatch(const LxStopwatch&);
     LxStopwatch& operator=(const LxStopwatch&);
 
