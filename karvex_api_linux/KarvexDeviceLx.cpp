@@ -149,10 +149,10 @@ void KarvexDevice::Close()
     // The pin event thread is joined first; see mAbortWaitingCommand for a
     // callback that waits in a command on an adapter that is gone.
     mCloseRequested = true;
-    {
-        PxMutexLock control(mPinEventControlMutex);
-        StopPinEventThread();
-    }
+    // Held to the end: a RegisterPinEventCallback on another thread must not
+    // start a new pin event thread (or store a callback) in the middle of the close.
+    PxMutexLock control(mPinEventControlMutex);
+    StopPinEventThread();
     StopReaderThread();
     // A command still waiting for its answer wakes, sees the reader thread
     // gone and returns TSTATUS_ABORTED before we take the mutex below.
