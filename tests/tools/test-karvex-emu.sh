@@ -137,7 +137,7 @@ test_replug_sends_uevents_across_processes() {
 }
 
 test_adapter_works_after_replug() {
-    emu --replug 0:100:100 -- bash -c 'sleep 1; "$1" gpio set /dev/hidraw0 1=1 && "$1" gpio get /dev/hidraw0 1' sh "$CTL"
+    emu --replug 0:100:100 -- bash -c 'sleep 2; "$1" gpio set /dev/hidraw0 1=1 && "$1" gpio get /dev/hidraw0 1' sh "$CTL"
     status_is 0
     output_is "1=1"
 }
