@@ -417,6 +417,10 @@ void* KarvexDevice::ReadThreadRoutine()
         fds[1].revents = 0;
         const int rc = poll(fds, 2, -1);
         if (rc < 0) {
+            // An interrupted wait simply resumes; only a real failure is
+            // traced and slowed down.
+            if (errno == EINTR)
+                continue;
             PXTRACE_ERROR("%s: poll failed (%d)\n", errno);
             PxSleep(cReaderRetryDelayMs);
             continue;

@@ -37,6 +37,9 @@ TSTATUS LxHidRawDeviceEnumerator::EnumerateHidRawDevices(const TbUsbVidPidList* 
 {
     ClearList();
 
+    // One pass over the shared context at a time, against application
+    // threads and the hot-plug thread alike.
+    PxMutexLock udevLock(LxUdevContextGlobal::GetLock());
     LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
     LxUdevEnumerator enumerator;
     if (!enumerator.Init(ctx)) {
@@ -260,4 +263,30 @@ void LxHidRawDeviceEnumerator::ClearList()
          info = mDeviceList.RemoveHead())
         delete info;
     mDeviceCount = 0;
+}
+
+bool LxHidRawDeviceEnumerator::RemoveDevicePath(const char* path)
+{
+    for (LxHidRawDeviceEnumeratorInfo* info = mDeviceList.Head(); info != nullptr; info = mDeviceList.Next(info)) {
+        if (TbStringEqualIgnoreCase(path, info->mDevicePath)) {
+            mDeviceList.Remove(info);
+            delete info;
+            --mDeviceCount;
+            return true;
+        }
+    }
+    return false;
+}
+
+void LxHidRawDeviceEnumerator::MergeFrom(LxHidRawDeviceEnumerator& fresh)
+{
+    for (LxHidRawDeviceEnumeratorInfo* info = fresh.mDeviceList.Head(); info != nullptr;
+         info = fresh.mDeviceList.Next(info))
+        RemoveDevicePath(info->mDevicePath);
+    for (LxHidRawDeviceEnumeratorInfo* info = fresh.mDeviceList.RemoveHead(); info != nullptr;
+         info = fresh.mDeviceList.RemoveHead()) {
+        mDeviceList.InsertTail(info);
+        ++mDeviceCount;
+    }
+    fresh.mDeviceCount = 0;
 }

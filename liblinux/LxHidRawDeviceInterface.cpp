@@ -168,7 +168,10 @@ TSTATUS LxHidRawDeviceInterface::WriteReport(LxHidRawReportBuffer& buffer)
         return TSTATUS_NOT_OPENED;
     }
     buffer.SetBytesTransferred(0);
-    const ssize_t n = write(mFileDescriptor, buffer.Buffer(), buffer.BufferSize());
+    ssize_t n;
+    do
+        n = write(mFileDescriptor, buffer.Buffer(), buffer.BufferSize());
+    while (n < 0 && errno == EINTR);
     if (n < 0) {
         const int err = errno;
         PXTRACE_ERROR("%s: write failed (%d)\n", err);
@@ -187,13 +190,15 @@ TSTATUS LxHidRawDeviceInterface::ReadReport(LxHidRawReportBuffer& buffer)
     buffer.SetBytesTransferred(0);
     const bool numbered = IsNumberedInputReport();
     ssize_t n;
-    if (numbered) {
-        // The kernel puts the report ID into byte 0.
-        n = read(mFileDescriptor, buffer.Buffer(), buffer.BufferSize());
-    } else {
-        buffer.SetReportId(0);
-        n = read(mFileDescriptor, buffer.ReportData(), buffer.ReportDataSize());
-    }
+    do {
+        if (numbered) {
+            // The kernel puts the report ID into byte 0.
+            n = read(mFileDescriptor, buffer.Buffer(), buffer.BufferSize());
+        } else {
+            buffer.SetReportId(0);
+            n = read(mFileDescriptor, buffer.ReportData(), buffer.ReportDataSize());
+        }
+    } while (n < 0 && errno == EINTR);
     if (n < 0) {
         const int err = errno;
         if (err == EAGAIN)
