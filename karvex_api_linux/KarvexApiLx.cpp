@@ -138,7 +138,7 @@ void KarvexApi::OnDeviceChangeCallback(LxPnPNotificatorAction action, const char
         event = KARVEXEvent_DeviceRemoved;
         break;
     default:
-        PXTRACE_WARN("%s: ignore unknown action %d for device '%s'\n", static_cast<int>(action),
+        PXTRACE_WARN("%s: ignore unknown action %d for device '%.1024s'\n", static_cast<int>(action),
                      syspath != nullptr ? syspath : "(null)");
         return;
     }
@@ -244,7 +244,7 @@ TSTATUS KarvexApi::OpenDevice(const T_UNICHAR* instanceIdString, KARVEXDeviceHan
         delete device;
         return TSTATUS_NO_RESOURCES;
     }
-    PXTRACE_INFO("%s: Successfully opened device '%s', handle=0x%08X\n", instanceIdString, handle);
+    PXTRACE_INFO("%s: Successfully opened device '%.1024s', handle=0x%08X\n", instanceIdString, handle);
     *deviceHandle = handle;
     return TSTATUS_SUCCESS;
 }

@@ -76,7 +76,7 @@ KARVEX_API TSTATUS KARVEX_GetDeviceInstanceId(unsigned int deviceIndex, T_UNICHA
 KARVEX_API TSTATUS KARVEX_OpenDevice(const T_UNICHAR* instanceIdString, KARVEXDeviceHandle* deviceHandle)
 {
     // A null string is printed the way the C library prints it: "(null)".
-    PXTRACE_FUNC("%s: --> instanceIdString=%s\n", instanceIdString != nullptr ? instanceIdString : "(null)");
+    PXTRACE_FUNC("%s: --> instanceIdString=%.1024s\n", instanceIdString != nullptr ? instanceIdString : "(null)");
     return TraceExit(__PRETTY_FUNCTION__, gDllApi.OpenDevice(instanceIdString, deviceHandle));
 }
 

@@ -48,7 +48,7 @@ TSTATUS LxHidRawDeviceInterface::OpenHidRawDevice(LxHidRawDeviceEnumerator& enum
     }
 
     const char* path = enumerator.DevicePath(deviceIndex);
-    PXTRACE_VERBOSE("%s: open: '%s'\n", path);
+    PXTRACE_VERBOSE("%s: open: '%.1024s'\n", path);
     // Non-blocking: a read returns a queued report at once or fails with
     // EAGAIN; waiting is done with poll. Close-on-exec keeps the node out of
     // programs the application starts.
@@ -126,7 +126,7 @@ TSTATUS LxHidRawDeviceInterface::OpenHidRawDevice(LxHidRawDeviceEnumerator& enum
     if (serNumStr != nullptr) {
         const unsigned length = TbStringLen(serNumStr);
         if (length >= cSerialNumberStrSize) {
-            PXTRACE_WARN("%s: Too large serial number '%s' (%u bytes) ignored, max. %u bytes\n", serNumStr, length,
+            PXTRACE_WARN("%s: Too large serial number '%.1024s' (%u bytes) ignored, max. %u bytes\n", serNumStr, length,
                          cSerialNumberStrSize);
         } else {
             std::memcpy(mSerialNumberStr, serNumStr, length + 1);

@@ -134,7 +134,7 @@ bool LxHidRawPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& device, LxPnPN
         if (devnode != nullptr)
             rc = mEnumerator.FindIndexForDevicePath(devnode, index);
         if (rc != TSTATUS_SUCCESS) {
-            PXTRACE_INFO("%s: FindIndexForDevicePath('%s') failed, err = 0x%08X, ignore device\n",
+            PXTRACE_INFO("%s: FindIndexForDevicePath('%.1024s') failed, err = 0x%08X, ignore device\n",
                          devnode != nullptr ? devnode : "(null)", static_cast<unsigned int>(rc));
             return false;
         }
@@ -152,7 +152,7 @@ bool LxHidRawPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& device, LxPnPN
 
     default: {
         const char* devnode = device.GetDevnode();
-        PXTRACE_WARN("%s: ignore unknown action %d for device '%s'\n", static_cast<int>(action),
+        PXTRACE_WARN("%s: ignore unknown action %d for device '%.1024s'\n", static_cast<int>(action),
                      devnode != nullptr ? devnode : "(null)");
         return false;
     }

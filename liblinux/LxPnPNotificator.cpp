@@ -204,7 +204,7 @@ void LxPnPNotificator::HandlePnPEvent()
             }
         }
         if (actionIndex < 0) {
-            PXTRACE_WARN("%s: ignore unexpected action %s\n", actionText != nullptr ? actionText : "(null)");
+            PXTRACE_WARN("%s: ignore unexpected action %.1024s\n", actionText != nullptr ? actionText : "(null)");
             return;
         }
         action = static_cast<LxPnPNotificatorAction>(actionIndex);
