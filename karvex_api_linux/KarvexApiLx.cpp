@@ -482,7 +482,11 @@ TSTATUS KarvexApi::GetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pin
         return TSTATUS_INVALID_PARAMETER;
     }
     return RunLocked(deviceHandle, __PRETTY_FUNCTION__,
-                     [&](KarvexDevice& device) { return device.GetPinState(pinId, *state); });
+                     [&](KarvexDevice& device) {
+                         // Defined from here on, also when the device is found closed.
+                         *state = GPIOState_Low;
+                         return device.GetPinState(pinId, *state);
+                     });
 }
 
 TSTATUS KarvexApi::GetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode* mode)
@@ -492,7 +496,10 @@ TSTATUS KarvexApi::GetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinI
         return TSTATUS_INVALID_PARAMETER;
     }
     return RunLocked(deviceHandle, __PRETTY_FUNCTION__,
-                     [&](KarvexDevice& device) { return device.GetPinMode(pinId, *mode); });
+                     [&](KarvexDevice& device) {
+                         *mode = GPIOMode_Input;
+                         return device.GetPinMode(pinId, *mode);
+                     });
 }
 
 TSTATUS KarvexApi::I2cTransaction(KARVEXDeviceHandle deviceHandle, unsigned int i2cBus, unsigned int i2cSpeed,
