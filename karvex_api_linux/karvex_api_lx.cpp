@@ -53,7 +53,7 @@ struct DllApiLifetime {
     DllApiLifetime() { new (gDllApiStorage) KarvexApi(); }
     ~DllApiLifetime()
     {
-        KarvexApi* api = reinterpret_cast<KarvexApi*>(gDllApiStorage);
+        KarvexApi* api = std::launder(reinterpret_cast<KarvexApi*>(gDllApiStorage));
         if (api->Shutdown())
             api->~KarvexApi();
     }
@@ -64,7 +64,7 @@ DllApiLifetime gDllApiLifetime;
 
 } // namespace
 
-KarvexApi& gDllApi = *reinterpret_cast<KarvexApi*>(gDllApiStorage);
+KarvexApi& gDllApi = *std::launder(reinterpret_cast<KarvexApi*>(gDllApiStorage));
 
 namespace {
 
