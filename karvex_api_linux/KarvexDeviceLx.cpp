@@ -2,6 +2,8 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -16,6 +18,9 @@ namespace {
 // Pause of the reader thread after a failed poll or read, so that an
 // unplugged adapter does not spin the CPU until the application closes it.
 constexpr unsigned int cReaderRetryDelayMs = 50;
+
+// The device whose pin event thread this is; set once by the thread itself.
+thread_local KarvexDevice* tPinEventDevice = nullptr;
 
 } // namespace
 
@@ -35,7 +40,8 @@ KarvexDevice::KarvexDevice()
       mUniqueId(0),
       mPinEventControlMutex(true),
       mEventQueueGate(true),
-      mPinEventThreadId(0)
+      mPinEventThreadId(0),
+      mDeviceNumber(0)
 {
     mReaderThreadForwarder.Init(this, &KarvexDevice::ReadThreadRoutine);
     mPinEventThreadForwarder.Init(this, &KarvexDevice::PinEventThreadRoutine);
@@ -84,6 +90,11 @@ TSTATUS KarvexDevice::Open(KarvexDeviceEnumerator& enumerator, unsigned int devi
     TSTATUS st = mHidDevice.OpenHidRawDevice(enumerator, deviceIndex);
     if (st != TSTATUS_SUCCESS) {
         PXTRACE_ERROR("%s: OpenHidRawDevice failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        Close();
+        return st;
+    }
+    st = LockNode(enumerator.DevicePath(deviceIndex));
+    if (st != TSTATUS_SUCCESS) {
         Close();
         return st;
     }
@@ -160,13 +171,39 @@ void KarvexDevice::Close()
         mResponseQueue.SetEvent();
 
     EnterCritSec();
+    // Closing the descriptor also drops the lock on the node.
     mHidDevice.CloseHidRawDevice();
+    mDeviceNumber = 0;
     FreeResources();
     mPinEventCallback = nullptr;
     mPinEventCallbackContext = nullptr;
     mCloseRequested = false;
     mAbortWaitingCommand = false;
     LeaveCritSec();
+}
+
+TSTATUS KarvexDevice::LockNode(const char* devicePath)
+{
+    // hidraw hands every input report to every open descriptor of the node,
+    // and every device object numbers its commands from 1: two users of one
+    // adapter would take each other's answers. The advisory lock keeps out a
+    // second user, in another program or in this one (the lock belongs to
+    // the open file, not to the process).
+    const int fd = mHidDevice.GetFileDescriptor();
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const int err = errno;
+        if (err == EWOULDBLOCK) {
+            PXTRACE_ERROR("%s: device '%.1024s' is in use by another program\n", devicePath != nullptr ? devicePath : "");
+            return TSTATUS_IN_USE;
+        }
+        // A node that cannot be locked (no lock support) is used unlocked.
+        PXTRACE_WARN("%s: flock failed (%d), device '%.1024s' not locked\n", err, devicePath != nullptr ? devicePath : "");
+    }
+    // Taken from the path, as the API object takes it for its own check.
+    struct stat info;
+    if (devicePath != nullptr && stat(devicePath, &info) == 0)
+        mDeviceNumber = info.st_rdev;
+    return TSTATUS_SUCCESS;
 }
 
 TSTATUS KarvexDevice::AllocateResources()
@@ -692,6 +729,11 @@ TSTATUS KarvexDevice::I2cTransaction(unsigned int i2cBus, unsigned int i2cSpeed,
 // ---------------------------------------------------------------------------
 // Pin events
 
+KarvexDevice* KarvexDevice::CurrentPinEventDevice()
+{
+    return tPinEventDevice;
+}
+
 bool KarvexDevice::IsPinEventThread()
 {
     const unsigned long id = mPinEventThreadId.load();
@@ -783,6 +825,7 @@ void KarvexDevice::FreePinEventResources()
 
 void* KarvexDevice::PinEventThreadRoutine()
 {
+    tPinEventDevice = this;
     mPinEventThreadId = static_cast<unsigned long>(pthread_self());
     for (;;) {
         // The Get below resets the event when it empties the queue, and so
