@@ -34,18 +34,21 @@ class Hub:
         self._callback: Optional[Callable[..., Any]] = None
         self._registered = False
         self._closed = False
-        self._thread: Optional[int] = None
+        self._delivering = threading.local()  # set on the library's thread while it delivers
 
     # ---- on the library's thread
     def deliver(self, *item: Any) -> None:
-        self._thread = threading.get_ident()
-        for sink in self._sinks:
-            sink(item)
-        callback = self._callback
-        if callback is not None:
-            # An exception propagates to ctypes, which reports it through
-            # sys.unraisablehook and returns to the library normally.
-            callback(*item)
+        self._delivering.active = True
+        try:
+            for sink in self._sinks:
+                sink(item)
+            callback = self._callback
+            if callback is not None:
+                # An exception propagates to ctypes, which reports it through
+                # sys.unraisablehook and returns to the library normally.
+                callback(*item)
+        finally:
+            self._delivering.active = False
 
     # ---- on application threads
     def set_callback(self, callback: Optional[Callable[..., Any]]) -> None:
@@ -83,7 +86,7 @@ class Hub:
             return not self._closed and (bool(self._sinks) or self._callback is not None)
 
     def _sync(self) -> None:
-        if threading.get_ident() == self._thread:
+        if getattr(self._delivering, "active", False):
             return
         with self._reg_lock:
             while True:

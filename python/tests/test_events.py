@@ -89,3 +89,18 @@ def test_unplug_and_replug(replug_over):
     old.close()
     with karvex.Adapter(ADAPTER1) as a:
         assert a.serial == "KVX000002" and a.connected
+
+
+def test_callback_may_unregister_itself(adapter):
+    got = Recorder()
+
+    def once(pin, level):
+        got(pin, level)
+        adapter.on_pin_event(None)  # on the pin event thread: must not wait for itself
+
+    adapter.set_pin_mode(PIN, karvex.PinMode.INPUT_EVENT)
+    adapter.on_pin_event(once)
+    got.wait_for(lambda items: len(items) >= 1, "the first event")
+    with adapter.pin_events(timeout=DEADLINE) as events:
+        next(events), next(events)
+    assert len(got.items) == 1
