@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build and the tests need, when missing.
 set -euo pipefail
-pkgs=(cmake g++ make pkg-config libudev-dev libgtest-dev libgmock-dev libbenchmark-dev umockdev libumockdev-dev clang libclang-rt-14-dev libhidapi-dev valgrind)
+# scdoc builds the manual pages; dpkg-dev, debhelper and lintian build and
+# check the Debian packages (scripts/build-debs.sh, the tools_debs test).
+pkgs=(cmake g++ make pkg-config libudev-dev libgtest-dev libgmock-dev libbenchmark-dev umockdev libumockdev-dev clang libclang-rt-14-dev libhidapi-dev valgrind
+      scdoc dpkg-dev debhelper lintian)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
