@@ -31,7 +31,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 src="$work/libkarvex-$version"
 mkdir "$src"
-tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$src" -xf -
+tar -C "$root" --exclude=./build --exclude='./build-*' --exclude=./.git -cf - . | tar -C "$src" -xf -
 
 # No -dbgsym packages: 'apt install ./*.deb' gets exactly the five.
 (cd "$src" && DEB_BUILD_OPTIONS="noddebs parallel=$jobs ${DEB_BUILD_OPTIONS:-}" \
