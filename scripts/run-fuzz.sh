@@ -67,7 +67,7 @@ if [ ${#targets[@]} -eq 0 ]; then
 fi
 
 echo "=== fuzz build ==="
-cmake -S "$root/fuzz" -B "$build" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_COMPILER="$cc" >/dev/null || exit 1
+cmake -S "$root/fuzz" -B "$build" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_C_COMPILER="$cc" -DKARVEX_WERROR=ON >/dev/null || exit 1
 cmake --build "$build" -j"$jobs" || exit 1
 
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:verify_asan_link_order=0}"
