@@ -28,13 +28,13 @@
 #include "liblinux/LxHidRawPnPNotificator.h"
 #include "liblinux/LxPnPNotificator.h"
 #include "liblinux/LxPnPNotificatorCallbackForwarderT.h"
-#include "support/hid_trace_capture.h"
+#include "support/test_support.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using hid_test::CountOf;
-using hid_test::TraceMaskGuard;
+using ktest::CountOf;
+using ktest::TraceMaskGuard;
 
 // Long enough for a loaded machine; a passing test never waits this long.
 constexpr auto cEventWait = 5s;
