@@ -5,21 +5,25 @@
 # tests under valgrind memcheck instead (as scripts/test-all.sh does).
 # The hogs are killed however the script ends.
 #
-# Usage: scripts/stress-tests.sh [--rounds N] [--hogs N] [--memcheck] BUILD_DIR
+# --tests REGEX narrows the ctest selection (default '^(it_|api_|tools_)').
+#
+# Usage: scripts/stress-tests.sh [--rounds N] [--hogs N] [--tests REGEX] [--memcheck] BUILD_DIR
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 rounds=5
 hogs=$(nproc)
 memcheck=0
+tests='^(it_|api_|tools_)'
 while [ $# -gt 1 ]; do
   case $1 in
     --rounds) rounds=$2; shift 2 ;;
     --hogs) hogs=$2; shift 2 ;;
     --memcheck) memcheck=1; shift ;;
-    *) echo "usage: $0 [--rounds N] [--hogs N] [--memcheck] BUILD_DIR" >&2; exit 2 ;;
+    --tests) tests=$2; shift 2 ;;
+    *) echo "usage: $0 [--rounds N] [--hogs N] [--tests REGEX] [--memcheck] BUILD_DIR" >&2; exit 2 ;;
   esac
 done
-[ $# -eq 1 ] && [ -f "$1/CTestTestfile.cmake" ] || { echo "usage: $0 [--rounds N] [--hogs N] [--memcheck] BUILD_DIR" >&2; exit 2; }
+[ $# -eq 1 ] && [ -f "$1/CTestTestfile.cmake" ] || { echo "usage: $0 [--rounds N] [--hogs N] [--tests REGEX] [--memcheck] BUILD_DIR" >&2; exit 2; }
 build=$(cd "$1" && pwd)
 logdir=$(mktemp -d "${TMPDIR:-/tmp}/karvex-stress.XXXXXX")
 
@@ -60,7 +64,7 @@ for round in $(seq "$rounds"); do
   else
     log="$logdir/round$round.log"
     # One test at a time: the hogs take the cores.
-    if ! (cd "$build" && ctest -R '^(it_|api_|tools_)' --output-on-failure --stop-on-failure) >"$log" 2>&1; then
+    if ! (cd "$build" && ctest -R "$tests" --output-on-failure --stop-on-failure) >"$log" 2>&1; then
       echo "*** round $round failed; the failing test's output ($log):"
       sed -n '/Start /,$p' "$log" | grep -v -E '^ +[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed' | tail -n 150
       echo "stress: round $round of $rounds FAILED"

@@ -30,9 +30,9 @@ TEST_F(ApiTest, PinAndI2cCallsReachTheAdapterOfTheirHandle)
               KARVEX_SetPinState(h, 99, GPIOState_High));
 
     const unsigned char write[] = {0x10, 0xA0, 0xA1, 0xA2};
-    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_I2cTransaction(h, 0, 400000, 0x50, write, sizeof write, nullptr, 0, 100));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_I2cTransaction(h, 0, 400000, 0x50, write, sizeof write, nullptr, 0, 10000));
     unsigned char read[3] = {};
-    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_I2cTransaction(h, 0, 400000, 0x50, write, 1, read, sizeof read, 100));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_I2cTransaction(h, 0, 400000, 0x50, write, 1, read, sizeof read, 10000));
     EXPECT_EQ(0, std::memcmp(write + 1, read, sizeof read));
     EXPECT_EQ(TSTATUS_INVALID_PARAMETER, KARVEX_I2cTransaction(h, 0, 100000, 0x50, nullptr, 0, nullptr, 0, 0));
 }

@@ -37,6 +37,9 @@ constexpr unsigned kThreads = 8;
 constexpr unsigned kEventPin = 15;
 constexpr unsigned kEepromAddress = 0x50;
 constexpr unsigned kRegionBytes = 32; // EEPROM bytes per thread
+// The adapter's I2C time-out: the host waits twice as long for the answer,
+// which on a machine loaded far beyond its cores can take well over a second.
+constexpr unsigned kI2cTimeoutMs = 10000;
 
 // What a call may return when another thread closes its handle under it.
 bool ClosedUnderIt(TSTATUS st)
@@ -214,7 +217,7 @@ void StressTest::Worker(unsigned t, unsigned iterations)
             write[0] = static_cast<unsigned char>(t * kRegionBytes + offset);
             for (unsigned b = 0; b < 8; ++b)
                 write[1 + b] = static_cast<unsigned char>(t * 31 + i * 3 + b);
-            TSTATUS st = KARVEX_I2cTransaction(h, 0, 400000, kEepromAddress, write, sizeof write, nullptr, 0, 100);
+            TSTATUS st = KARVEX_I2cTransaction(h, 0, 400000, kEepromAddress, write, sizeof write, nullptr, 0, kI2cTimeoutMs);
             Check(t, "I2C write", st);
             if (st == TSTATUS_SUCCESS)
                 std::memcpy(&m.bytes[offset], write + 1, 8);
@@ -222,7 +225,7 @@ void StressTest::Worker(unsigned t, unsigned iterations)
                 m.bytesKnown = false; // the write may have happened
             unsigned char address = static_cast<unsigned char>(t * kRegionBytes);
             std::array<std::uint8_t, kRegionBytes> read{};
-            st = KARVEX_I2cTransaction(h, 0, 400000, kEepromAddress, &address, 1, read.data(), kRegionBytes, 100);
+            st = KARVEX_I2cTransaction(h, 0, 400000, kEepromAddress, &address, 1, read.data(), kRegionBytes, kI2cTimeoutMs);
             Check(t, "I2C read", st);
             if (st == TSTATUS_SUCCESS) {
                 if (m.bytesKnown && read != m.bytes)

@@ -307,46 +307,6 @@ TEST_F(EmulatorTest, EnumerationShowsTheDeviceChainWithItsAttributes)
 
 // ---- input reports, poll and writes ----
 
-TEST_F(EmulatorTest, ReadsKeepReportBoundariesAndCutShortBuffers)
-{
-    auto& dev = mTestbed->AddDevice(kemu::AdapterConfig());
-    Fd fd(dev.DevNode());
-    ASSERT_GE(fd.get(), 0);
-    EXPECT_EQ(EAGAIN, Read(fd.get(), 512).err);
-
-    Bytes big(320), mid(64, 0x22), small = {1, 2, 3};
-    for (std::size_t i = 0; i < big.size(); ++i)
-        big[i] = static_cast<std::uint8_t>(i);
-    dev.InjectInputReport(big);
-    dev.InjectInputReport(mid);
-    dev.InjectInputReport(small);
-    EXPECT_EQ(3u, dev.PendingInputReports());
-    Bytes got;
-    ASSERT_EQ(320, Read(fd.get(), 512, &got).result);
-    EXPECT_EQ(big, got);
-    ASSERT_EQ(64, Read(fd.get(), 512, &got).result);
-    EXPECT_EQ(mid, got);
-    ASSERT_EQ(3, Read(fd.get(), 512, &got).result);
-    EXPECT_EQ(small, got);
-    EXPECT_EQ(EAGAIN, Read(fd.get(), 512).err);
-    EXPECT_EQ(3u, dev.ReadCount());
-
-    // A short buffer gets the head of the report; the rest is lost.
-    dev.InjectInputReport(big);
-    dev.InjectInputReport(mid);
-    ASSERT_EQ(10, Read(fd.get(), 10, &got).result);
-    EXPECT_EQ(Bytes(big.begin(), big.begin() + 10), got);
-    ASSERT_EQ(64, Read(fd.get(), 512, &got).result);
-    EXPECT_EQ(mid, got);
-
-    // Read faults leave the queue alone.
-    dev.InjectInputReport(small);
-    dev.FailReads(EPROTO);
-    EXPECT_EQ(EPROTO, Read(fd.get(), 512).err);
-    dev.FailReads(0);
-    EXPECT_EQ(3, Read(fd.get(), 512).result);
-}
-
 TEST_F(EmulatorTest, EveryOpenDescriptorGetsItsOwnBoundedQueue)
 {
     auto& dev = mTestbed->AddDevice(kemu::AdapterConfig());
@@ -401,38 +361,6 @@ TEST_F(EmulatorTest, PollIsLevelTriggeredAndWakesAnotherThread)
     EXPECT_TRUE(PollIn(fd.get(), kWaitMs) & POLLIN); // one report still queued
     ASSERT_EQ(1, Read(fd.get(), 64).result);
     EXPECT_EQ(0, PollIn(fd.get(), 20));
-}
-
-TEST_F(EmulatorTest, WritesFollowHidrawRulesAndReachTheHook)
-{
-    auto& dev = mTestbed->AddDevice(kemu::AdapterConfig());
-    Fd fd(dev.DevNode());
-    ASSERT_GE(fd.get(), 0);
-    std::mutex mutex;
-    std::vector<Bytes> seen;
-    dev.SetWriteHook([&](const std::uint8_t* data, std::size_t length) {
-        std::lock_guard<std::mutex> lock(mutex);
-        seen.emplace_back(data, data + length);
-        dev.InjectInputReport(Bytes{0xA5}); // the hook may answer
-    });
-
-    const Bytes report = {0x00, 0x10, 0x20, 0x30};
-    EXPECT_EQ(4, Write(fd.get(), report).result);
-    EXPECT_EQ(1, Read(fd.get(), 64).result); // answered before write() returned
-    EXPECT_EQ(EINVAL, Write(fd.get(), Bytes{0x00}).err);
-    EXPECT_EQ(EINVAL, Write(fd.get(), Bytes(16385, 0)).err);
-    EXPECT_EQ(16384, Write(fd.get(), Bytes(16384, 0)).result);
-    dev.FailWrites(EPIPE);
-    EXPECT_EQ(EPIPE, Write(fd.get(), report).err);
-    dev.FailWrites(0);
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ASSERT_EQ(2u, seen.size());
-        EXPECT_EQ(report, seen[0]);
-        EXPECT_EQ(16384u, seen[1].size());
-    }
-    EXPECT_EQ(2u, dev.WriteCount());
-    dev.SetWriteHook(nullptr);
 }
 
 // ---- unplug and hot-plug ----

@@ -36,8 +36,6 @@
 #include "liblinux/LxUdevContext.h"
 #include "liblinux/LxUdevContextGlobal.h"
 #include "liblinux/LxUdevDevice.h"
-#include "liblinux/LxUdevEnumerator.h"
-#include "liblinux/LxUdevList.h"
 #include "support/test_support.h"
 
 using ktest::CaptureTrace;
@@ -190,93 +188,6 @@ TEST_F(HidrawTest, UdevDeviceFromSyspathAndParents)
     EXPECT_STREQ("7a01", usb.GetSysattrValue("idProduct"));
     EXPECT_STREQ("Karvex HID", interface.GetSysattrValue("interface"));
     EXPECT_EQ(nullptr, usb.GetSysattrValue("no_such_attribute"));
-}
-
-TEST_F(HidrawTest, UdevDeviceParentLookupFailures)
-{
-    kemu::EmuHidDevice& bt = Add(kemu::NoUsbParentConfig());
-    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
-    const std::string sig =
-        "bool LxUdevDevice::InitWithGetParentWithSubsystemDevtype(LxUdevDevice&, const char*, const char*)";
-
-    LxUdevDevice empty;
-    LxUdevDevice fromEmpty;
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_TRUE(fromEmpty.InitWithGetParentWithSubsystemDevtype(empty, "usb", "usb_device"));
-    });
-    EXPECT_EQ(sig + ": dev not initialized\n", out);
-    EXPECT_FALSE(fromEmpty.IsInitialized());
-
-    LxUdevDevice child;
-    ASSERT_TRUE(child.InitFromSyspath(ctx, bt.SysPath().c_str()));
-    LxUdevDevice parent;
-    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_FALSE(parent.InitWithGetParentWithSubsystemDevtype(child, "usb", "usb_device"));
-    });
-    EXPECT_EQ(sig + ": udev_device_get_parent_with_subsystem_devtype failed\n", out);
-    EXPECT_FALSE(parent.IsInitialized());
-
-    LxUdevDevice missing;
-    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_FALSE(missing.InitFromSyspath(ctx, "/sys/devices/does/not/exist"));
-    });
-    EXPECT_EQ(0u, out.find("bool LxUdevDevice::InitFromSyspath(LxUdevContext&, const char*): "
-                           "udev_device_new_from_syspath failed ("))
-        << out;
-    EXPECT_FALSE(missing.IsInitialized());
-}
-
-TEST_F(HidrawTest, UdevEnumeratorAndListCursor)
-{
-    Add(kemu::AdapterConfig(0x7A01, "A"));
-    Add(kemu::AdapterConfig(0x7A02, "B"));
-    Add(kemu::ForeignDeviceConfig());
-    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
-
-    LxUdevEnumerator e;
-    ASSERT_TRUE(e.Init(ctx));
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_TRUE(e.Init(ctx)); });
-    EXPECT_EQ("bool LxUdevEnumerator::Init(LxUdevContext&): already initialized\n", out);
-    ASSERT_EQ(0, e.AddMatchSubsystem("hidraw"));
-    ASSERT_EQ(0, e.ScanDevices());
-
-    LxUdevList list(e.GetListEntry());
-    EXPECT_EQ(3u, list.GetCount());
-    std::vector<std::string> names;
-    for (const char* n = list.GetNextName(); n != nullptr; n = list.GetNextName())
-        names.push_back(n);
-    EXPECT_EQ(3u, names.size());
-    EXPECT_EQ(nullptr, list.GetNextName());
-    EXPECT_EQ(3u, list.GetCount()) << "counting does not depend on the cursor";
-    std::set<std::string> expected;
-    for (const auto& d : mTestbed->Devices())
-        expected.insert(d->SysPath());
-    EXPECT_EQ(expected, std::set<std::string>(names.begin(), names.end()));
-
-    list.Reset();
-    ASSERT_NE(nullptr, list.GetNextName());
-    EXPECT_EQ(3u, list.GetCount());
-    EXPECT_EQ(names[1], list.GetNextName()) << "GetCount must not move the cursor";
-    list.Deinit();
-    EXPECT_EQ(nullptr, list.GetNextName());
-    EXPECT_EQ(0u, list.GetCount());
-
-    LxUdevEnumerator none;
-    ASSERT_TRUE(none.Init(ctx));
-    ASSERT_EQ(0, none.AddMatchSubsystem("no-such-subsystem"));
-    ASSERT_EQ(0, none.ScanDevices());
-    LxUdevList empty(none.GetListEntry());
-    EXPECT_EQ(0u, empty.GetCount());
-    EXPECT_EQ(nullptr, empty.GetNextName());
-
-    // A property match narrows the scan.
-    LxUdevEnumerator byProperty;
-    ASSERT_TRUE(byProperty.Init(ctx));
-    ASSERT_EQ(0, byProperty.AddMatchSubsystem("usb"));
-    ASSERT_EQ(0, byProperty.AddMatchSysattr("idProduct", "7a02"));
-    ASSERT_EQ(0, byProperty.ScanDevices());
-    LxUdevList one(byProperty.GetListEntry());
-    EXPECT_EQ(1u, one.GetCount());
 }
 
 // ---- Enumeration ----------------------------------------------------------
