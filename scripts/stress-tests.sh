@@ -28,7 +28,10 @@ build=$(cd "$1" && pwd)
 logdir=$(mktemp -d "${TMPDIR:-/tmp}/karvex-stress.XXXXXX")
 
 hog_pids=()
+suite_pid=
 stop_hogs() {
+  # The running suite too, when the script is interrupted: its own process group.
+  [ -n "$suite_pid" ] && kill -- -"$suite_pid" 2>/dev/null
   local p
   for p in "${hog_pids[@]}"; do kill "$p" 2>/dev/null; done
   for p in "${hog_pids[@]}"; do wait "$p" 2>/dev/null; done
@@ -64,7 +67,12 @@ for round in $(seq "$rounds"); do
   else
     log="$logdir/round$round.log"
     # One test at a time: the hogs take the cores.
-    if ! (cd "$build" && ctest -R "$tests" --output-on-failure --stop-on-failure) >"$log" 2>&1; then
+    (cd "$build" && exec setsid ctest -R "$tests" --output-on-failure --stop-on-failure) >"$log" 2>&1 &
+    suite_pid=$!
+    wait "$suite_pid"
+    rc=$?
+    suite_pid=
+    if [ "$rc" -ne 0 ]; then
       echo "*** round $round failed; the failing test's output ($log):"
       sed -n '/Start /,$p' "$log" | grep -v -E '^ +[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed' | tail -n 150
       echo "stress: round $round of $rounds FAILED"

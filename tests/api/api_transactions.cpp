@@ -64,10 +64,15 @@ TEST_F(ApiTest, SlowTransactionHoldsUpNeitherTheOtherAdapterNorTheApi)
         queuedTid = ktest::ThreadId();
         KARVEX_GPIOState s;
         const TSTATUS st = KARVEX_GetPinState(hs, 0, &s);
-        // Aborted by the close like the transfer it waits behind.
-        EXPECT_EQ(TSTATUS_ABORTED, st) << std::hex << st;
+        // Released by the close, not by a time-out: aborted while it waited for
+        // the device, which is what a queued call normally sees; a thread the
+        // scheduler held back until after the close finds the device closed
+        // or the handle gone.
+        EXPECT_TRUE(st == TSTATUS_ABORTED || st == TSTATUS_NOT_OPENED || st == TSTATUS_INVALID_HANDLE)
+            << std::hex << st;
         ++slowDone;
     });
+    // Blocked in the kernel: normally on the device the transfer holds.
     KT_WAIT_FOR(queuedTid.load() != 0 && ktest::WaitUntilBlocked(queuedTid), "the queued call to block");
     // ...without holding up the rest of the API or the other adapter.
     unsigned int count = 0;

@@ -224,10 +224,11 @@ test_gpio_monitor_stops_on_sigint() {
 }
 
 test_gpio_monitor_reports_unplug() {
-    # Unplugged once the monitor's callback is registered (its function trace says so).
+    # Unplugged once the monitor has put the pin in input-event mode, its last
+    # step before it waits (its function trace says so).
     emuc -- bash -c '
         stdbuf -oL "$1" gpio monitor -t 0x10 /dev/hidraw0 3 >"$2" & p=$!
-        wait_for "$2" "KARVEX_RegisterPinEventCallback.*<-- err=0x00000000" "the monitor to listen" || exit 10
+        wait_for "$2" "KARVEX_SetPinMode.*<-- err=0x00000000" "the monitor to listen" || exit 10
         echo "unplug 0" >"$CTL_FIFO"
         wait $p' sh "$CTL" "$HARNESS_TMP/monitor.out"
     status_is 1
