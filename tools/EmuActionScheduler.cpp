@@ -16,8 +16,10 @@ EmuActionScheduler::~EmuActionScheduler()
 
 void EmuActionScheduler::Start()
 {
-    if (mOpts.toggles.empty() && mOpts.replugs.empty())
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mStarted || mStop || (mOpts.toggles.empty() && mOpts.replugs.empty()))
         return;
+    mStarted = true;
     mThread = std::thread([this] { Run(); });
 }
 
@@ -30,6 +32,43 @@ void EmuActionScheduler::Stop()
     mCond.notify_all();
     if (mThread.joinable())
         mThread.join();
+}
+
+bool EmuActionScheduler::Unplug(unsigned adapter)
+{
+    if (adapter >= mAdapters.size())
+        return false;
+    std::lock_guard<std::mutex> lock(mActionMutex);
+    Adapter& a = mAdapters[adapter];
+    if (mOpts.verbose)
+        std::fprintf(stderr, "karvex-emu: unplugging %s\n", a.device->DevNode().c_str());
+    if (a.device->IsPlugged())
+        a.device->Unplug();
+    return true;
+}
+
+bool EmuActionScheduler::Plug(unsigned adapter)
+{
+    if (adapter >= mAdapters.size())
+        return false;
+    std::lock_guard<std::mutex> lock(mActionMutex);
+    Adapter& a = mAdapters[adapter];
+    if (!a.device->IsPlugged())
+        a.device->Plug();
+    if (mOpts.verbose)
+        std::fprintf(stderr, "karvex-emu: plugged %s back in\n", a.device->DevNode().c_str());
+    return true;
+}
+
+void EmuActionScheduler::SetInputLevel(unsigned pin, bool high)
+{
+    std::lock_guard<std::mutex> lock(mActionMutex);
+    for (Adapter& a : mAdapters) {
+        if (a.device->IsPlugged())
+            a.firmware->SetInputLevel(pin, high);
+    }
+    if (mOpts.verbose)
+        std::fprintf(stderr, "karvex-emu: pin %u -> %d\n", pin, high ? 1 : 0);
 }
 
 void EmuActionScheduler::Run()
@@ -75,32 +114,15 @@ void EmuActionScheduler::Run()
 void EmuActionScheduler::Perform(const Action& action)
 {
     switch (action.kind) {
-    case Action::Toggle: {
-        const ToggleOption& t = mOpts.toggles[action.index];
-        for (Adapter& a : mAdapters) {
-            if (a.device->IsPlugged())
-                a.firmware->SetInputLevel(t.pin, action.level);
-        }
-        if (mOpts.verbose)
-            std::fprintf(stderr, "karvex-emu: pin %u -> %d\n", t.pin, action.level ? 1 : 0);
+    case Action::Toggle:
+        SetInputLevel(mOpts.toggles[action.index].pin, action.level);
         break;
-    }
-    case Action::Unplug: {
-        Adapter& a = mAdapters[mOpts.replugs[action.index].adapter];
-        if (mOpts.verbose)
-            std::fprintf(stderr, "karvex-emu: unplugging %s\n", a.device->DevNode().c_str());
-        if (a.device->IsPlugged())
-            a.device->Unplug();
+    case Action::Unplug:
+        Unplug(mOpts.replugs[action.index].adapter);
         break;
-    }
-    case Action::Plug: {
-        Adapter& a = mAdapters[mOpts.replugs[action.index].adapter];
-        if (!a.device->IsPlugged())
-            a.device->Plug();
-        if (mOpts.verbose)
-            std::fprintf(stderr, "karvex-emu: plugged %s back in\n", a.device->DevNode().c_str());
+    case Action::Plug:
+        Plug(mOpts.replugs[action.index].adapter);
         break;
-    }
     }
 }
 

@@ -1,5 +1,6 @@
 // Runs karvex-emu's timed actions on one thread: flipping input pins every
-// period (--toggle) and unplugging and replugging adapters (--replug).
+// period (--toggle) and unplugging and replugging adapters (--replug); and
+// the same actions on demand, one at a time with the timed ones.
 #pragma once
 
 #include <chrono>
@@ -20,8 +21,13 @@ public:
     EmuActionScheduler(const EmuActionScheduler&) = delete;
     EmuActionScheduler& operator=(const EmuActionScheduler&) = delete;
 
-    // Times count from Start. Nothing runs when no action was asked for.
+    // Times count from Start. Nothing runs when no action was asked for;
+    // a second Start changes nothing.
     void Start();
+    // Acted on at once (from the control channel); false for an unknown adapter.
+    bool Unplug(unsigned adapter);
+    bool Plug(unsigned adapter);
+    void SetInputLevel(unsigned pin, bool high);
     // Returns once the thread has ended; no action runs after it.
     void Stop();
 
@@ -42,6 +48,8 @@ private:
     const Options& mOpts;
     std::thread mThread;
     std::mutex mMutex;
+    std::mutex mActionMutex; // one action at a time, timed or asked for
+    bool mStarted = false;
     std::condition_variable mCond;
     bool mStop = false;
 };

@@ -37,6 +37,7 @@ struct Options {
     std::vector<EepromOption> eeproms;
     std::vector<ToggleOption> toggles;
     std::vector<ReplugOption> replugs;
+    std::string control; // FIFO path of the control channel; empty: none
     bool verbose = false;
     std::vector<char*> command;
 };

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "EmuActionScheduler.h"
+#include "EmuControlChannel.h"
 #include "EmuOptions.h"
 #include "emulator/EmuAdapterFirmware.h"
 #include "emulator/EmuHidDevice.h"
@@ -82,14 +83,22 @@ void PrintHelp()
         "                             unplug adapter ADAPTER (0 is the first) DELAY_MS\n"
         "                             after COMMAND starts and plug it back DOWN_MS\n"
         "                             later (default 500); repeatable\n"
+        "  -c, --control=FIFO         read commands, one a line, from the named pipe\n"
+        "                             FIFO (created, and removed at the end, unless\n"
+        "                             it exists): 'unplug ADAPTER', 'plug ADAPTER',\n"
+        "                             'pin PIN 0|1' (input level on every adapter) and\n"
+        "                             'start'; with --control, the --toggle and\n"
+        "                             --replug times count from 'start', not from\n"
+        "                             COMMAND's start, so a script acts when it is ready\n"
         "  -v, --verbose              report every emulator action on stderr\n"
         "  -h, --help                 show this help and exit\n"
         "  -V, --version              show the version and exit\n"
         "\n"
         "Numbers are decimal, or hexadecimal with 0x. Examples:\n"
         "  %s -- karvexctl list\n"
-        "  %s --adapters 2 --toggle 3:250 --replug 1:2000 -- ./session\n",
-        cProgram, cProgram, cProgram, cProgram);
+        "  %s --adapters 2 --toggle 3:250 --replug 1:2000 -- ./session\n"
+        "  %s --control /tmp/emu.ctl -- karvexctl watch &  echo 'unplug 0' >/tmp/emu.ctl\n",
+        cProgram, cProgram, cProgram, cProgram, cProgram);
 }
 
 [[noreturn]] __attribute__((format(printf, 1, 2))) void Usage(const char* fmt, ...)
@@ -176,6 +185,7 @@ Options ParseOptions(int argc, char** argv)
         {"adapters", required_argument, nullptr, 'n'}, {"serial", required_argument, nullptr, 's'},
         {"eeprom", required_argument, nullptr, 'e'},   {"toggle", required_argument, nullptr, 't'},
         {"replug", required_argument, nullptr, 'r'},   {"verbose", no_argument, nullptr, 'v'},
+        {"control", required_argument, nullptr, 'c'},
         {"help", no_argument, nullptr, 'h'},           {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
@@ -184,7 +194,7 @@ Options ParseOptions(int argc, char** argv)
     int c;
     opterr = 0; // reported by Usage, with the program's short name
     // '+': the command and its own options are not ours.
-    while ((c = getopt_long(argc, argv, "+n:s:e:t:r:vhV", longOptions, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "+n:s:e:t:r:c:vhV", longOptions, nullptr)) != -1) {
         switch (c) {
         case 'n':
             if (!ParseNumber(optarg, 32, opts.adapters) || opts.adapters == 0)
@@ -201,6 +211,11 @@ Options ParseOptions(int argc, char** argv)
             break;
         case 't':
             opts.toggles.push_back(ParseToggle(optarg));
+            break;
+        case 'c':
+            if (*optarg == '\0')
+                Usage("empty --control");
+            opts.control = optarg;
             break;
         case 'r':
             opts.replugs.push_back(ParseReplug(optarg));
@@ -387,8 +402,13 @@ int main(int argc, char** argv)
         }
 
         EmuActionScheduler scheduler(adapters, opts);
-        scheduler.Start();
+        EmuControlChannel control(scheduler);
+        if (opts.control.empty())
+            scheduler.Start();
+        else if (!control.Open(opts.control))
+            return 1;
         exitCode = RunChild(opts.command.data(), testbed.RootDir(), controlSignals);
+        control.Close();
         scheduler.Stop();
         // Firmware first: it is the device's write hook.
         for (Adapter& a : adapters)

@@ -213,16 +213,3 @@ TEST_F(ApiTest, UsbInfoAndSerialNumber)
     EXPECT_STREQ("SER-42", serial);
 }
 
-TEST_F(ApiTest, AdapterWithoutSerialReportsNotSupported)
-{
-    auto config = kemu::AdapterConfig();
-    config.serial.reset();
-    EmulatedAdapter a;
-    a.device = &mTestbed->AddDevice(config);
-    kemu::EmuAdapterFirmware firmware(*a.device);
-    KARVEXDeviceHandle h = 0;
-    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_OpenDevice(a.device->DevNode().c_str(), &h));
-    char serial[64];
-    EXPECT_EQ(TSTATUS_NOT_SUPPORTED, KARVEX_GetDeviceSerialNumber(h, serial, sizeof serial));
-    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_CloseDevice(h));
-}

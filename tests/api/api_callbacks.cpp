@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <stdexcept>
 #include <thread>
 
 using namespace karvex_test;
@@ -26,7 +25,6 @@ struct PinContext {
     KARVEXDeviceHandle handle = 0;
     std::atomic<int> readBackFailures{0};
     bool callBack = false;
-    bool throwIt = false;
 };
 
 void OnPin(void* ctx, unsigned int pin, KARVEX_GPIOState state)
@@ -39,8 +37,6 @@ void OnPin(void* ctx, unsigned int pin, KARVEX_GPIOState state)
             ++c->readBackFailures;
     }
     c->log.Add(PinEvent{pin, state, pthread_self()});
-    if (c->throwIt)
-        throw std::runtime_error("application bug");
 }
 
 struct ChangeContext {
@@ -91,31 +87,6 @@ TEST_F(ApiTest, PinEventsArriveOnTheirOwnThreadAndMayCallBack)
     EXPECT_EQ(2u, ctx.log.Size());
 }
 
-TEST_F(ApiTest, ThrowingPinCallbackIsReportedAndSurvived)
-{
-    auto& a = AddAdapter();
-    KARVEXDeviceHandle h = Open(a);
-    ASSERT_NE(0u, h);
-    PinContext ctx;
-    ctx.throwIt = true;
-    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinMode(h, 1, GPIOMode_InputEvent));
-    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, OnPin, &ctx));
-    TraceCapture capture;
-    TPosixSetTraceMask(KARVEX_TRACE_ERROR);
-    capture.Start();
-    a.firmware->SetInputLevel(1, true);
-    a.firmware->SetInputLevel(1, false);
-    ASSERT_TRUE(ctx.log.WaitForCount(2));
-    // Register again (joins the thread) so that every trace line is out.
-    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, nullptr, nullptr));
-    TPosixSetTraceMask(0);
-    const std::string out = capture.Stop();
-    const std::string line = "void* KarvexDevice::PinEventThreadRoutine(): FATAL: Uncaught exception in pin event callback\n";
-    std::size_t first = out.find(line);
-    ASSERT_NE(std::string::npos, first) << out;
-    EXPECT_NE(std::string::npos, out.find(line, first + 1)) << "one report per throw";
-}
-
 TEST_F(ApiTest, CloseFromAnotherThreadWaitsForARunningCallbackThatCallsIn)
 {
     auto& a = AddAdapter();
@@ -132,8 +103,8 @@ TEST_F(ApiTest, CloseFromAnotherThreadWaitsForARunningCallbackThatCallsIn)
     auto cb = [](void* p, unsigned int, KARVEX_GPIOState) {
         auto* c = static_cast<Ctx*>(p);
         c->entered = true;
-        while (!c->release)
-            std::this_thread::yield();
+        // Parked until the closer has started (bounded: a lost release ends the wait).
+        WaitUntil([c] { return c->release.load(); });
         // By now the application is closing this handle on another thread.
         KARVEX_GPIOState s;
         c->inner = KARVEX_GetPinState(c->h, 0, &s);
@@ -142,17 +113,17 @@ TEST_F(ApiTest, CloseFromAnotherThreadWaitsForARunningCallbackThatCallsIn)
     ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinMode(h, 0, GPIOMode_InputEvent));
     ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, cb, &ctx));
     a.firmware->SetInputLevel(0, true);
-    while (!ctx.entered)
-        std::this_thread::yield();
+    KT_WAIT_FOR(ctx.entered.load(), "the pin callback to run");
     std::thread closer([&] { EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_CloseDevice(h)); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // Close takes the handle out of the table first, then waits for the callback.
+    KT_WAIT_FOR(KARVEX_CheckDeviceConnection(h) == TSTATUS_INVALID_HANDLE, "close to retire the handle");
     ctx.release = true;
     closer.join();
     Closed(h);
     // Close returned only after the callback had finished; the callback's own
-    // call did not deadlock (it either ran before the close or saw the handle gone).
+    // call did not deadlock and saw the handle gone.
     EXPECT_TRUE(ctx.finished.load());
-    EXPECT_TRUE(ctx.inner == TSTATUS_SUCCESS || ctx.inner == TSTATUS_INVALID_HANDLE) << std::hex << ctx.inner;
+    EXPECT_EQ(TSTATUS_INVALID_HANDLE, ctx.inner.load()) << std::hex << ctx.inner;
 }
 
 TEST_F(ApiTest, HotPlugCallbacksReportArrivalAndRemovalAndMayCallBack)
@@ -177,7 +148,13 @@ TEST_F(ApiTest, HotPlugCallbacksReportArrivalAndRemovalAndMayCallBack)
     EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(nullptr, nullptr));
     a.device->Unplug();
     a.device->Plug();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // A later registration hears a later unplug: whatever came before it has
+    // been dealt with, and the unregistered callback heard nothing of it.
+    ChangeContext later;
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(OnChange, &later));
+    a.device->Unplug();
+    ASSERT_TRUE(later.log.WaitForCount(1)) << "timed out waiting for the later registration's removal";
+    EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(nullptr, nullptr));
     EXPECT_EQ(3u, ctx.log.Size());
 }
 

@@ -209,12 +209,15 @@ TEST_F(DeviceEventTest, ReRegistrationDropsQueuedEvents)
 
     std::atomic<TSTATUS> result{TSTATUS_FAILED};
     std::atomic<bool> done{false};
+    std::atomic<pid_t> tid{0};
     std::thread registrar([&] {
+        tid = ktest::ThreadId();
         result = device.RegisterPinEventCallback(SinkCallback, &sink);
         done = true;
     });
     // The registration waits for the running callback.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(WaitUntil([&] { return tid.load() != 0; }) && ktest::WaitUntilBlocked(tid))
+        << "timed out waiting for the registration to block";
     EXPECT_FALSE(done.load());
     gate.Open();
     registrar.join();
@@ -277,12 +280,15 @@ TEST_F(DeviceEventTest, CloseWaitsForARunningCallback)
 
     std::atomic<bool> closed{false};
     std::atomic<bool> returnedBeforeClose{false};
+    std::atomic<pid_t> tid{0};
     std::thread closer([&] {
+        tid = ktest::ThreadId();
         device.Close();
         returnedBeforeClose = callbackReturned.load();
         closed = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(WaitUntil([&] { return tid.load() != 0; }) && ktest::WaitUntilBlocked(tid))
+        << "timed out waiting for Close to block";
     EXPECT_FALSE(closed.load()) << "Close returned while the callback was still running";
     gate.Open();
     closer.join();
@@ -310,8 +316,13 @@ TEST_F(DeviceEventTest, CallbackCommandCompletesWhileCloseWaits)
     ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
     adapter.firmware->SendPinEvent(9, 1);
     ASSERT_TRUE(sink.entered.WaitForCount(1));
-    std::thread closer([&] { device.Close(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::atomic<pid_t> tid{0};
+    std::thread closer([&] {
+        tid = ktest::ThreadId();
+        device.Close();
+    });
+    ASSERT_TRUE(WaitUntil([&] { return tid.load() != 0; }) && ktest::WaitUntilBlocked(tid))
+        << "timed out waiting for Close to block";
     gate.Open();
     closer.join();
     EXPECT_EQ(TSTATUS_SUCCESS, inner.load());

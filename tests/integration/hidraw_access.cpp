@@ -36,14 +36,10 @@
 #include "liblinux/LxUdevContext.h"
 #include "liblinux/LxUdevContextGlobal.h"
 #include "liblinux/LxUdevDevice.h"
-#include "liblinux/LxUdevEnumerator.h"
-#include "liblinux/LxUdevList.h"
-#include "liblinux/LxUdevMonitor.h"
-#include "liblinux/LxUdevQueue.h"
-#include "support/hid_trace_capture.h"
+#include "support/test_support.h"
 
-using hid_test::CaptureTrace;
-using hid_test::CountOf;
+using ktest::CaptureTrace;
+using ktest::CountOf;
 
 namespace {
 
@@ -156,50 +152,6 @@ TEST(UdevContextGlobal, ConcurrentFirstUseCreatesOneContext)
 
 // ---- udev wrappers ------------------------------------------------------
 
-TEST_F(HidrawTest, UdevContextInitTwiceAndUserdata)
-{
-    LxUdevContext ctx;
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_EQ(nullptr, ctx.GetUserdata());
-        ctx.SetUserdata(this);
-    });
-    EXPECT_EQ("void* LxUdevContext::GetUserdata(): mContext not initialized\n"
-              "void LxUdevContext::SetUserdata(void*): mContext not initialized\n",
-              out);
-    ASSERT_TRUE(ctx.Init());
-    udev* handle = ctx.GetContext();
-    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_TRUE(ctx.Init()); });
-    EXPECT_EQ("bool LxUdevContext::Init(): already initialized\n", out);
-    EXPECT_EQ(handle, ctx.GetContext());
-    ctx.SetUserdata(this);
-    EXPECT_EQ(this, ctx.GetUserdata());
-    ctx.Deinit();
-    ctx.Deinit();
-    EXPECT_FALSE(ctx.IsInitialized());
-}
-
-TEST_F(HidrawTest, UdevDeviceGettersWithoutDeviceTraceAndReturnNull)
-{
-    LxUdevDevice dev(nullptr);
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_EQ(nullptr, dev.GetSyspath());
-        EXPECT_EQ(nullptr, dev.GetSysattrValue("idVendor"));
-        EXPECT_EQ(nullptr, dev.GetDevpath());
-        EXPECT_EQ(nullptr, dev.GetDevnode());
-        EXPECT_EQ(nullptr, dev.GetAction());
-        EXPECT_EQ(nullptr, dev.GetSubsystem());
-        EXPECT_EQ(nullptr, dev.GetDevtype());
-    });
-    EXPECT_EQ("const char* LxUdevDevice::GetSyspath(): mDevice not initialized\n"
-              "const char* LxUdevDevice::GetSysattrValue(const char*): mDevice not initialized\n"
-              "const char* LxUdevDevice::GetDevpath(): mDevice not initialized\n"
-              "const char* LxUdevDevice::GetDevnode(): mDevice not initialized\n"
-              "const char* LxUdevDevice::GetAction(): mDevice not initialized\n"
-              "const char* LxUdevDevice::GetSubsystem(): mDevice not initialized\n"
-              "const char* LxUdevDevice::GetDevtype(): mDevice not initialized\n",
-              out);
-}
-
 TEST_F(HidrawTest, UdevDeviceFromSyspathAndParents)
 {
     kemu::EmuHidDevice& hid = Add();
@@ -236,154 +188,6 @@ TEST_F(HidrawTest, UdevDeviceFromSyspathAndParents)
     EXPECT_STREQ("7a01", usb.GetSysattrValue("idProduct"));
     EXPECT_STREQ("Karvex HID", interface.GetSysattrValue("interface"));
     EXPECT_EQ(nullptr, usb.GetSysattrValue("no_such_attribute"));
-}
-
-TEST_F(HidrawTest, UdevDeviceParentLookupFailures)
-{
-    kemu::EmuHidDevice& bt = Add(kemu::NoUsbParentConfig());
-    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
-    const std::string sig =
-        "bool LxUdevDevice::InitWithGetParentWithSubsystemDevtype(LxUdevDevice&, const char*, const char*)";
-
-    LxUdevDevice empty;
-    LxUdevDevice fromEmpty;
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_TRUE(fromEmpty.InitWithGetParentWithSubsystemDevtype(empty, "usb", "usb_device"));
-    });
-    EXPECT_EQ(sig + ": dev not initialized\n", out);
-    EXPECT_FALSE(fromEmpty.IsInitialized());
-
-    LxUdevDevice child;
-    ASSERT_TRUE(child.InitFromSyspath(ctx, bt.SysPath().c_str()));
-    LxUdevDevice parent;
-    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_FALSE(parent.InitWithGetParentWithSubsystemDevtype(child, "usb", "usb_device"));
-    });
-    EXPECT_EQ(sig + ": udev_device_get_parent_with_subsystem_devtype failed\n", out);
-    EXPECT_FALSE(parent.IsInitialized());
-
-    LxUdevDevice missing;
-    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_FALSE(missing.InitFromSyspath(ctx, "/sys/devices/does/not/exist"));
-    });
-    EXPECT_EQ(0u, out.find("bool LxUdevDevice::InitFromSyspath(LxUdevContext&, const char*): "
-                           "udev_device_new_from_syspath failed ("))
-        << out;
-    EXPECT_FALSE(missing.IsInitialized());
-}
-
-TEST_F(HidrawTest, UdevEnumeratorAndListCursor)
-{
-    Add(kemu::AdapterConfig(0x7A01, "A"));
-    Add(kemu::AdapterConfig(0x7A02, "B"));
-    Add(kemu::ForeignDeviceConfig());
-    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
-
-    LxUdevEnumerator e;
-    ASSERT_TRUE(e.Init(ctx));
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_TRUE(e.Init(ctx)); });
-    EXPECT_EQ("bool LxUdevEnumerator::Init(LxUdevContext&): already initialized\n", out);
-    ASSERT_EQ(0, e.AddMatchSubsystem("hidraw"));
-    ASSERT_EQ(0, e.ScanDevices());
-
-    LxUdevList list(e.GetListEntry());
-    EXPECT_EQ(3u, list.GetCount());
-    std::vector<std::string> names;
-    for (const char* n = list.GetNextName(); n != nullptr; n = list.GetNextName())
-        names.push_back(n);
-    EXPECT_EQ(3u, names.size());
-    EXPECT_EQ(nullptr, list.GetNextName());
-    EXPECT_EQ(3u, list.GetCount()) << "counting does not depend on the cursor";
-    std::set<std::string> expected;
-    for (const auto& d : mTestbed->Devices())
-        expected.insert(d->SysPath());
-    EXPECT_EQ(expected, std::set<std::string>(names.begin(), names.end()));
-
-    list.Reset();
-    ASSERT_NE(nullptr, list.GetNextName());
-    EXPECT_EQ(3u, list.GetCount());
-    EXPECT_EQ(names[1], list.GetNextName()) << "GetCount must not move the cursor";
-    list.Deinit();
-    EXPECT_EQ(nullptr, list.GetNextName());
-    EXPECT_EQ(0u, list.GetCount());
-
-    LxUdevEnumerator none;
-    ASSERT_TRUE(none.Init(ctx));
-    ASSERT_EQ(0, none.AddMatchSubsystem("no-such-subsystem"));
-    ASSERT_EQ(0, none.ScanDevices());
-    LxUdevList empty(none.GetListEntry());
-    EXPECT_EQ(0u, empty.GetCount());
-    EXPECT_EQ(nullptr, empty.GetNextName());
-
-    // A property match narrows the scan.
-    LxUdevEnumerator byProperty;
-    ASSERT_TRUE(byProperty.Init(ctx));
-    ASSERT_EQ(0, byProperty.AddMatchSubsystem("usb"));
-    ASSERT_EQ(0, byProperty.AddMatchSysattr("idProduct", "7a02"));
-    ASSERT_EQ(0, byProperty.ScanDevices());
-    LxUdevList one(byProperty.GetListEntry());
-    EXPECT_EQ(1u, one.GetCount());
-}
-
-TEST_F(HidrawTest, UdevMonitorWithoutHandleAndWithEvents)
-{
-    LxUdevMonitor idle;
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_EQ(-1, idle.GetFd());
-        EXPECT_FALSE(idle.EnableReceiving());
-        EXPECT_FALSE(idle.FilterAddMatchSubsystemDevtype("hidraw", nullptr));
-        EXPECT_FALSE(idle.FilterUpdate());
-        EXPECT_FALSE(idle.FilterRemove());
-        EXPECT_EQ(nullptr, idle.ReceiveDevice());
-    });
-    EXPECT_EQ("int LxUdevMonitor::GetFd(): mMonitor not initialized\n"
-              "bool LxUdevMonitor::EnableReceiving(): mMonitor not initialized\n"
-              "bool LxUdevMonitor::FilterAddMatchSubsystemDevtype(const char*, const char*): mMonitor not initialized\n"
-              "bool LxUdevMonitor::FilterUpdate(): mMonitor not initialized\n"
-              "bool LxUdevMonitor::FilterRemove(): mMonitor not initialized\n"
-              "udev_device* LxUdevMonitor::ReceiveDevice(): mMonitor not initialized\n",
-              out);
-
-    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
-    LxUdevMonitor monitor;
-    ASSERT_TRUE(monitor.InitFromNetLinkUdev(ctx));
-    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_TRUE(monitor.InitFromNetLink(ctx, "udev")); });
-    EXPECT_EQ("bool LxUdevMonitor::InitFromNetLink(LxUdevContext&, const char*): already initialized\n", out);
-    ASSERT_TRUE(monitor.FilterAddMatchSubsystemDevtype("hidraw", nullptr));
-    ASSERT_TRUE(monitor.EnableReceiving());
-    const int fd = monitor.GetFd();
-    ASSERT_GE(fd, 0);
-
-    // A non-hidraw device first (filtered out), then an adapter.
-    kemu::EmuHidDevice& hid = Add();
-    std::string action;
-    std::string syspath;
-    for (int i = 0; i < 20 && action.empty(); ++i) {
-        pollfd pfd{fd, POLLIN, 0};
-        ASSERT_EQ(1, poll(&pfd, 1, 5000)) << "no uevent";
-        LxUdevDevice dev(monitor.ReceiveDevice()); // adopts the reference
-        if (dev.IsInitialized() && std::string(dev.GetSubsystem()) == "hidraw") {
-            action = dev.GetAction();
-            syspath = dev.GetSyspath();
-        }
-    }
-    EXPECT_EQ("add", action);
-    EXPECT_EQ(hid.SysPath(), syspath);
-    EXPECT_TRUE(monitor.FilterRemove());
-    monitor.Deinit();
-    EXPECT_FALSE(monitor.IsInitialized());
-}
-
-TEST_F(HidrawTest, UdevQueueAdoptsAndReleasesItsReference)
-{
-    LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
-    LxUdevQueue empty;
-    EXPECT_FALSE(empty.IsInitialized());
-    LxUdevQueue queue(udev_queue_new(ctx.GetContext()));
-    ASSERT_TRUE(queue.IsInitialized());
-    queue.Ref();
-    queue.Unref();
-    // The destructor drops the adopted reference (a leak shows under ASan).
 }
 
 // ---- Enumeration ----------------------------------------------------------
@@ -1125,8 +929,9 @@ TEST_F(HidrawTest, ReadReportSyncWaitsTimesOutAndSeesUnplug)
     EXPECT_EQ("", out) << "the time-out line is information";
 
     // A report that arrives while waiting.
+    const pid_t self = ktest::ThreadId();
     std::thread sender([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ktest::WaitUntilBlocked(self);
         hid.InjectInputReport(Pattern(320, 1));
     });
     EXPECT_EQ(TSTATUS_SUCCESS, itf.ReadReportSync(buffer, 10000));
@@ -1136,8 +941,13 @@ TEST_F(HidrawTest, ReadReportSyncWaitsTimesOutAndSeesUnplug)
 
     // Unplugged while waiting without limit: the wait ends with an error.
     TSTATUS status = TSTATUS_SUCCESS;
-    std::thread reader([&] { status = itf.ReadReportSync(buffer, -1); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::atomic<pid_t> readerTid{0};
+    std::thread reader([&] {
+        readerTid = ktest::ThreadId();
+        status = itf.ReadReportSync(buffer, -1);
+    });
+    ASSERT_TRUE(ktest::WaitUntil([&] { return readerTid.load() != 0; }) && ktest::WaitUntilBlocked(readerTid))
+        << "timed out waiting for the reader to block";
     hid.Unplug();
     reader.join();
     EXPECT_EQ(TSTATUS_LINUX_EIO, status);

@@ -28,16 +28,16 @@
 #include "liblinux/LxHidRawPnPNotificator.h"
 #include "liblinux/LxPnPNotificator.h"
 #include "liblinux/LxPnPNotificatorCallbackForwarderT.h"
-#include "support/hid_trace_capture.h"
+#include "support/test_support.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using hid_test::CountOf;
-using hid_test::TraceMaskGuard;
+using ktest::CountOf;
+using ktest::TraceMaskGuard;
 
 // Long enough for a loaded machine; a passing test never waits this long.
-constexpr auto cEventWait = 5s;
+constexpr auto cEventWait = ktest::kWaitLimit;
 
 constexpr T_UINT16 cAdapterVid = 0x1209;
 constexpr T_UINT16 cAdapterPid = 0x7A01;
@@ -110,17 +110,8 @@ public:
     // Runs inside the callback, on the monitor thread, before it is recorded.
     void SetHook(std::function<void()> hook) { mHook = std::move(hook); }
 
-    bool WaitForCount(size_t count)
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mCond.wait_for(lock, cEventWait, [&] { return mEvents.size() >= count; });
-    }
-
-    std::vector<Notification> Events()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mEvents;
-    }
+    bool WaitForCount(size_t count) { return mEvents.WaitForCount(count); }
+    std::vector<Notification> Events() { return mEvents.Items(); }
 
     pid_t MonitorThreadId() { return mMonitorTid.load(); }
 
@@ -131,17 +122,13 @@ private:
         if (mHook)
             mHook();
         bool onThread = mNotificator != nullptr && mNotificator->IsNotificationThread();
-        std::lock_guard<std::mutex> lock(mMutex);
-        mEvents.push_back(Notification{action, syspath != nullptr ? syspath : "<null>", onThread});
-        mCond.notify_all();
+        mEvents.Add(Notification{action, syspath != nullptr ? syspath : "<null>", onThread});
     }
 
     LxPnPNotificatorCallbackForwarderT<Receiver> mForwarder;
     LxPnPNotificator* mNotificator = nullptr;
     std::function<void()> mHook;
-    std::mutex mMutex;
-    std::condition_variable mCond;
-    std::vector<Notification> mEvents;
+    ktest::EventLog<Notification> mEvents;
     std::atomic<pid_t> mMonitorTid{0};
 };
 
@@ -187,32 +174,14 @@ class ObservedHidRawNotificator : public LxHidRawPnPNotificator {
 public:
     ~ObservedHidRawNotificator() override { Stop(); }
 
-    std::vector<Decision> Decisions()
-    {
-        std::lock_guard<std::mutex> lock(mDecisionMutex);
-        return mDecisions;
-    }
-
-    bool WaitForDecisions(size_t count)
-    {
-        std::unique_lock<std::mutex> lock(mDecisionMutex);
-        return mDecisionCond.wait_for(lock, cEventWait, [&] { return mDecisions.size() >= count; });
-    }
+    std::vector<Decision> Decisions() { return mDecisions.Items(); }
+    bool WaitForDecisions(size_t count) { return mDecisions.WaitForCount(count); }
 
     // Only while no monitor thread runs (before start or after stop).
     std::vector<std::string> CacheWhileIdle() { return CachePaths(); }
 
     bool ThreadRunning() { return mThread.IsRunning(); }
-    bool WaitForThreadEnd()
-    {
-        auto deadline = std::chrono::steady_clock::now() + cEventWait;
-        while (mThread.IsRunning()) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(1ms);
-        }
-        return true;
-    }
+    bool WaitForThreadEnd() { return ktest::WaitUntil([this] { return !mThread.IsRunning(); }); }
 
     // Hangs up the terminate pipe: its read end reports POLLHUP for good.
     void HangUpTerminatePipe() { mPipe.CloseWriteEnd(); }
@@ -241,9 +210,7 @@ protected:
         bool passed = LxHidRawPnPNotificator::OnFilterDeviceInstance(device, action);
         Decision decision{action, passed, CachePaths()};
         emulatorLock.unlock();
-        std::lock_guard<std::mutex> lock(mDecisionMutex);
-        mDecisions.push_back(std::move(decision));
-        mDecisionCond.notify_all();
+        mDecisions.Add(decision);
         return passed;
     }
 
@@ -256,9 +223,7 @@ private:
         return paths;
     }
 
-    std::mutex mDecisionMutex;
-    std::condition_variable mDecisionCond;
-    std::vector<Decision> mDecisions;
+    ktest::EventLog<Decision> mDecisions;
 };
 
 bool Contains(const std::vector<std::string>& list, const std::string& item)
@@ -270,14 +235,8 @@ bool Contains(const std::vector<std::string>& list, const std::string& item)
 bool WaitForTaskGone(pid_t tid)
 {
     const std::string path = "/proc/self/task/" + std::to_string(tid);
-    auto deadline = std::chrono::steady_clock::now() + cEventWait;
     struct stat st;
-    while (stat(path.c_str(), &st) == 0) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
+    return ktest::WaitUntil([&] { return stat(path.c_str(), &st) != 0; });
 }
 
 class HotplugTest : public testing::Test {

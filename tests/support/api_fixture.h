@@ -16,8 +16,15 @@
 #include "EmuHidDevice.h"
 #include "EmuTestbed.h"
 #include "karvex/karvex_api.h"
+#include "support/test_support.h"
 
 namespace karvex_test {
+
+using ktest::CaptureTrace;
+using ktest::CountOf;
+using ktest::EventLog;
+using ktest::Gate;
+using ktest::WaitUntil;
 
 // Collects trace output written to standard output between Start and Stop.
 class TraceCapture {
@@ -100,38 +107,6 @@ protected:
     std::unique_ptr<kemu::EmuTestbed> mTestbed;
     std::vector<std::unique_ptr<EmulatedAdapter>> mAdapters;
     std::vector<KARVEXDeviceHandle> mOpened;
-};
-
-// A thread-safe record of callback invocations with a bounded wait.
-template <typename T>
-class EventLog {
-public:
-    void Add(const T& value)
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mItems.push_back(value);
-        mCond.notify_all();
-    }
-    bool WaitForCount(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(5))
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mCond.wait_for(lock, timeout, [&] { return mItems.size() >= count; });
-    }
-    std::vector<T> Items()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mItems;
-    }
-    std::size_t Size()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mItems.size();
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mCond;
-    std::vector<T> mItems;
 };
 
 } // namespace karvex_test

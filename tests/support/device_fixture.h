@@ -26,6 +26,7 @@
 #include "karvex_api_linux/KarvexDeviceEnumeratorLx.h"
 #include "karvex_api_linux/KarvexDeviceLx.h"
 #include "karvex_api_linux/thid_prot_karvex.h"
+#include "support/test_support.h"
 
 namespace device_test {
 
@@ -47,47 +48,14 @@ inline const std::string kSigPinThread = "void* KarvexDevice::PinEventThreadRout
 inline const std::string kSigRegister =
     "TSTATUS KarvexDevice::RegisterPinEventCallback(void (*)(void*, unsigned int, KARVEX_GPIOState), void*)";
 
-// Restores the trace mask on scope exit.
-class TraceMaskGuard {
-public:
-    explicit TraceMaskGuard(unsigned int mask) : mSaved(TPosixGetTraceMask()) { TPosixSetTraceMask(mask); }
-    ~TraceMaskGuard() { TPosixSetTraceMask(mSaved); }
-    TraceMaskGuard(const TraceMaskGuard&) = delete;
-    TraceMaskGuard& operator=(const TraceMaskGuard&) = delete;
-
-private:
-    unsigned int mSaved;
-};
-
-// Runs f with the given trace mask and returns what the trace wrote. A
-// failed expectation inside f prints into the capture too; the capture is
-// then shown on stderr so that the message is not lost.
-template <typename F>
-std::string CaptureTrace(unsigned int mask, F f)
-{
-    const bool failedBefore = testing::Test::HasFailure();
-    std::string text;
-    {
-        TraceMaskGuard guard(mask);
-        fflush(stdout);
-        testing::internal::CaptureStdout();
-        f();
-        fflush(stdout);
-        text = testing::internal::GetCapturedStdout();
-    }
-    if (!failedBefore && testing::Test::HasFailure())
-        fprintf(stderr, "--- output captured while the failure happened ---\n%s--- end ---\n", text.c_str());
-    return text;
-}
-
-// Non-overlapping occurrences of needle in text.
-inline size_t CountOf(const std::string& text, const std::string& needle)
-{
-    size_t count = 0;
-    for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + needle.size()))
-        ++count;
-    return count;
-}
+using ktest::CaptureTrace;
+using ktest::CountOf;
+using ktest::ElapsedMs;
+using ktest::Gate;
+using ktest::TraceMaskGuard;
+using ktest::WaitUntil;
+template <typename T>
+using Recorder = ktest::EventLog<T>;
 
 // Number of non-empty lines.
 inline size_t LineCount(const std::string& text)
@@ -105,19 +73,6 @@ inline size_t LineCount(const std::string& text)
     return count;
 }
 
-// Polls pred until it holds or the time is up; true when it held.
-inline bool WaitUntil(const std::function<bool()>& pred,
-                      std::chrono::milliseconds timeout = std::chrono::milliseconds(5000))
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return pred();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 // CPU time the whole process has used, in milliseconds: a thread that spins
 // shows up here even when it writes nothing.
 inline double ProcessCpuMs()
@@ -125,11 +80,6 @@ inline double ProcessCpuMs()
     timespec ts{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
     return ts.tv_sec * 1000.0 + ts.tv_nsec / 1e6;
-}
-
-inline long long ElapsedMs(std::chrono::steady_clock::time_point since)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count();
 }
 
 // Fields of a command message as the firmware received it (no report ID byte).
@@ -162,60 +112,6 @@ inline std::vector<std::uint8_t> PinStatePayload(std::uint32_t pinId, std::uint8
     return {static_cast<std::uint8_t>(pinId), static_cast<std::uint8_t>(pinId >> 8),
             static_cast<std::uint8_t>(pinId >> 16), static_cast<std::uint8_t>(pinId >> 24), state, 0, 0, 0};
 }
-
-// A thread-safe record with a bounded wait.
-template <typename T>
-class Recorder {
-public:
-    void Add(const T& value)
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mItems.push_back(value);
-        mCond.notify_all();
-    }
-    bool WaitForCount(size_t count, std::chrono::milliseconds timeout = std::chrono::milliseconds(5000))
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mCond.wait_for(lock, timeout, [&] { return mItems.size() >= count; });
-    }
-    std::vector<T> Items()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mItems;
-    }
-    size_t Size()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mItems.size();
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mCond;
-    std::vector<T> mItems;
-};
-
-// A gate a callback can be parked at until the test opens it.
-class Gate {
-public:
-    void Open()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mOpen = true;
-        mCond.notify_all();
-    }
-    // false when the gate stayed shut for the whole time-out.
-    bool Pass(std::chrono::milliseconds timeout = std::chrono::milliseconds(10000))
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mCond.wait_for(lock, timeout, [&] { return mOpen; });
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mCond;
-    bool mOpen = false;
-};
 
 // One emulated adapter: the hidraw device and the firmware answering on it,
 // with an EEPROM at address 0xA0 on bus 0.

@@ -5,13 +5,46 @@
 # run_prog CMD...  runs CMD with a time limit and stores $status, $output
 #                  (stdout) and $errors (stderr).
 # emu [OPTS] -- CMD...   runs CMD under karvex-emu (through run_prog).
+# emuc [OPTS] -- CMD...  the same with a control FIFO whose path is in $CTL_FIFO
+#                  (and in the command's environment): a command script acts
+#                  with 'echo "unplug 0" >"$CTL_FIFO"' when it is ready.
+# wait_for FILE REGEX [WHAT]  (also inside commands) waits until a line of
+#                  FILE matches REGEX; after $WAIT_LIMIT s it says what it
+#                  waited for on stderr and returns 1.
+# wait_cmd REGEX CMD...  the same for the output of CMD, run again and again.
 
 set -u
 HARNESS_FAILURES=0
 HARNESS_CURRENT=""
 HARNESS_TMP=$(mktemp -d)
 trap 'rm -rf "$HARNESS_TMP"' EXIT
-RUN_TIMEOUT=${RUN_TIMEOUT:-30}
+RUN_TIMEOUT=${RUN_TIMEOUT:-90}
+export WAIT_LIMIT=${WAIT_LIMIT:-60}
+export CTL_FIFO="$HARNESS_TMP/control"
+
+wait_for() {
+    local end=$((SECONDS + WAIT_LIMIT))
+    until grep -Eq -- "$2" "$1" 2>/dev/null; do
+        if [ "$SECONDS" -ge "$end" ]; then
+            echo "timed out after ${WAIT_LIMIT}s waiting for ${3:-/$2/ in $1}" >&2
+            return 1
+        fi
+        sleep 0.02
+    done
+}
+
+wait_cmd() {
+    local re=$1 end=$((SECONDS + WAIT_LIMIT))
+    shift
+    until "$@" 2>/dev/null | grep -Eq -- "$re"; do
+        if [ "$SECONDS" -ge "$end" ]; then
+            echo "timed out after ${WAIT_LIMIT}s waiting for /$re/ from $*" >&2
+            return 1
+        fi
+        sleep 0.02
+    done
+}
+export -f wait_for wait_cmd
 
 fail() {
     echo "FAIL: $HARNESS_CURRENT: $*" >&2
@@ -27,6 +60,10 @@ run_prog() {
 
 emu() {
     run_prog "$KARVEX_EMU" "$@"
+}
+
+emuc() {
+    run_prog "$KARVEX_EMU" --control "$CTL_FIFO" "$@"
 }
 
 status_is() {

@@ -14,6 +14,7 @@ test_help_and_version() {
     status_is 0
     output_matches "^Usage: karvex-emu \[OPTIONS\] -- COMMAND \[ARGS\]\.\.\."
     output_matches "--replug=ADAPTER:DELAY_MS"
+    output_matches "--control=FIFO"
     emu --version
     status_is 0
     output_matches "^karvex-emu \(libkarvex\) [0-9.]+$"
@@ -69,12 +70,12 @@ test_forwards_sigterm_and_sigint() {
         rm -f "$ready"
         # The child traps the signal and exits 42; karvex-emu exits with its
         # status. The signal is sent once the child runs (karvex-emu is set up
-        # by then), and the child gives up by itself after 10 s.
+        # by then), and the child gives up by itself after 60 s.
         run_prog bash -c '
             ready=$2
-            "$1" -- bash -c "trap \"exit 42\" '"$sig"'; touch \"$ready\"; for i in \$(seq 200); do sleep 0.05; done; exit 3" &
+            "$1" -- bash -c "trap \"exit 42\" '"$sig"'; echo up >\"$ready\"; for i in \$(seq 1200); do sleep 0.05; done; exit 3" &
             p=$!
-            for i in $(seq 200); do [ -e "$ready" ] && break; sleep 0.05; done
+            wait_for "$ready" up "the child to start" || exit 4
             kill -'"$sig"' $p
             wait $p' sh "$KARVEX_EMU" "$ready"
         status_is 42 "SIG$sig forwarded"
@@ -128,16 +129,43 @@ test_toggle_reaches_every_adapter() {
     status_is 0
 }
 
-test_replug_sends_uevents_across_processes() {
-    emu --replug 0:1000:250 -v -- "$CTL" watch -n 2
+# The FIFO commands act at once; the watcher's function trace (-t 0x10) says
+# when it listens, so the unplug is sent only then.
+test_control_fifo_unplugs_and_replugs_across_processes() {
+    emuc -v -- bash -c '
+        stdbuf -oL "$1" watch -n 2 -t 0x10 >"$2" & p=$!
+        wait_for "$2" "KARVEX_RegisterDeviceChangeCallback.*<-- err=0x00000000" "the watcher to listen" || exit 10
+        echo "unplug 0" >"$CTL_FIFO"
+        wait_for "$2" $'"'"'\tremoved\t/dev/hidraw0$'"'"' "the removal" || exit 11
+        echo "plug 0" >"$CTL_FIFO"
+        wait $p || exit 12
+        grep -Pv "^TSTATUS KARVEX_" "$2"' sh "$CTL" "$HARNESS_TMP/watch.out"
     status_is 0
-    output_matches $'\tremoved\t/dev/hidraw0\n.*\tattached\t/dev/hidraw0$'
+    output_matches $'\tremoved\t/dev/hidraw0\n[0-9.]+\tattached\t/dev/hidraw0$'
     errors_contain "karvex-emu: unplugging /dev/hidraw0"
     errors_contain "karvex-emu: plugged /dev/hidraw0 back in"
+    [ ! -e "$CTL_FIFO" ] || fail "control FIFO left behind"
+    emu --control /nonexistent/dir/fifo -- true
+    status_is 1
+    errors_contain "karvex-emu: cannot create FIFO /nonexistent/dir/fifo"
+}
+
+test_schedule_waits_for_start_with_control() {
+    # --replug counts from "start": nothing happens before it, the unplug after it.
+    emuc --replug 0:0:60000 -- bash -c '
+        "$1" list --json | grep -q hidraw0 || exit 10
+        echo start >"$CTL_FIFO"
+        wait_cmd "^\[\]$" "$1" list --json || exit 11' sh "$CTL"
+    status_is 0
 }
 
 test_adapter_works_after_replug() {
-    emu --replug 0:100:100 -- bash -c 'sleep 2; "$1" gpio set /dev/hidraw0 1=1 && "$1" gpio get /dev/hidraw0 1' sh "$CTL"
+    emuc -- bash -c '
+        echo "unplug 0" >"$CTL_FIFO"
+        wait_cmd "^\[\]$" "$1" list --json || exit 10
+        echo "plug 0" >"$CTL_FIFO"
+        wait_cmd hidraw0 "$1" list --json || exit 11
+        "$1" gpio set /dev/hidraw0 1=1 && "$1" gpio get /dev/hidraw0 1' sh "$CTL"
     status_is 0
     output_is "1=1"
 }

@@ -131,11 +131,11 @@ test_list_text_and_json() {
 }
 
 test_list_without_adapters() {
-    # Adapter 0 is unplugged at once and stays away for 20 s.
-    # (Polled: the unplug runs on karvex-emu's own thread as the command starts.)
-    emu --replug 0:0:20000 -- bash -c '
-        for i in $(seq 100); do out=$("$1" list --json); [ "$out" = "[]" ] && break; sleep 0.05; done
-        echo "$out"; "$1" list' sh "$CTL"
+    # The unplug runs on karvex-emu's own thread: the list shows it a moment later.
+    emuc -- bash -c '
+        echo "unplug 0" >"$CTL_FIFO"
+        wait_cmd "^\[\]$" "$1" list --json || exit 10
+        "$1" list --json; "$1" list' sh "$CTL"
     status_is 0
     output_is '[]'
 }
@@ -224,15 +224,21 @@ test_gpio_monitor_counts_events() {
 test_gpio_monitor_stops_on_sigint() {
     # Interrupted once it has printed an event, so it is surely monitoring.
     emu --toggle 3:50 -- bash -c '
-        "$1" gpio monitor /dev/hidraw0 3 >"$2" & p=$!
-        for i in $(seq 200); do [ -s "$2" ] && break; sleep 0.05; done
+        stdbuf -oL "$1" gpio monitor /dev/hidraw0 3 >"$2" & p=$!
+        wait_for "$2" . "the first event" || exit 10
         kill -INT $p; wait $p; s=$?; cat "$2"; exit $s' sh "$CTL" "$HARNESS_TMP/monitor.out"
     status_is 0
     output_matches $'\t(rising|falling)\t3'
 }
 
 test_gpio_monitor_reports_unplug() {
-    emu --replug 0:1500:20000 -- "$CTL" gpio monitor /dev/hidraw0 3
+    # Unplugged once the monitor has put the pin in input-event mode, its last
+    # step before it waits (its function trace says so).
+    emuc -- bash -c '
+        stdbuf -oL "$1" gpio monitor -t 0x10 /dev/hidraw0 3 >"$2" & p=$!
+        wait_for "$2" "KARVEX_SetPinMode.*<-- err=0x00000000" "the monitor to listen" || exit 10
+        echo "unplug 0" >"$CTL_FIFO"
+        wait $p' sh "$CTL" "$HARNESS_TMP/monitor.out"
     status_is 1
     errors_contain "karvexctl gpio monitor: /dev/hidraw0 was unplugged"
 }
@@ -326,7 +332,14 @@ test_i2c_scan_missing_bus_says_so() {
 }
 
 test_watch_prints_unplug_and_replug() {
-    emu --adapters 2 --replug 1:1000:300 -- "$CTL" watch -n 2
+    emuc --adapters 2 -- bash -c '
+        stdbuf -oL "$1" watch -n 2 -t 0x10 >"$2" & p=$!
+        wait_for "$2" "KARVEX_RegisterDeviceChangeCallback.*<-- err=0x00000000" "the watcher to listen" || exit 10
+        echo "unplug 1" >"$CTL_FIFO"
+        wait_for "$2" "removed" "the removal" || exit 11
+        echo "plug 1" >"$CTL_FIFO"
+        wait $p || exit 12
+        grep -v "^TSTATUS KARVEX_" "$2"' sh "$CTL" "$HARNESS_TMP/watch.out"
     status_is 0
     errors_empty
     output_matches $'^[0-9]+\\.[0-9]{9}\tremoved\t/dev/hidraw1\n[0-9]+\\.[0-9]{9}\tattached\t/dev/hidraw1$'
@@ -334,10 +347,12 @@ test_watch_prints_unplug_and_replug() {
 
 test_watch_stops_on_sigterm() {
     # Terminated once it has reported the unplug, so it is surely watching.
-    emu --replug 0:1000:60000 -- bash -c '
-        "$1" watch >"$2" & p=$!
-        for i in $(seq 200); do [ -s "$2" ] && break; sleep 0.05; done
-        kill -TERM $p; wait $p; s=$?; cat "$2"; exit $s' sh "$CTL" "$HARNESS_TMP/watch.out"
+    emuc -- bash -c '
+        stdbuf -oL "$1" watch -t 0x10 >"$2" & p=$!
+        wait_for "$2" "KARVEX_RegisterDeviceChangeCallback.*<-- err=0x00000000" "the watcher to listen" || exit 10
+        echo "unplug 0" >"$CTL_FIFO"
+        wait_for "$2" removed "the removal" || exit 11
+        kill -TERM $p; wait $p; s=$?; grep -v "^TSTATUS KARVEX_" "$2"; exit $s' sh "$CTL" "$HARNESS_TMP/watch.out"
     status_is 0
     output_matches $'^[0-9.]+\tremoved\t/dev/hidraw0$'
 }

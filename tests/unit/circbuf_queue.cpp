@@ -14,17 +14,11 @@
 #include "libposix/PxTrace.h"
 #include "libtb/TbCircBufController.h"
 
-namespace {
+#include "support/test_support.h"
 
-template <typename F>
-std::string CaptureTrace(F f)
-{
-    fflush(stdout);
-    testing::internal::CaptureStdout();
-    f();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using ktest::CaptureTrace;
+
+namespace {
 
 // True when out consists of exactly the given checking assertions, in order.
 bool AreAssertions(const std::string& out, const char* file, std::vector<std::string> expressions)

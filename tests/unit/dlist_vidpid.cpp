@@ -8,10 +8,10 @@
 
 #include "libtb/TbDList.h"
 #include "libtb/TbUsbVidPid.h"
-#include "support/hid_trace_capture.h"
+#include "support/test_support.h"
 
-using hid_test::CaptureTrace;
-using hid_test::CountOf;
+using ktest::CaptureTrace;
+using ktest::CountOf;
 
 namespace {
 

@@ -13,11 +13,11 @@
 #include <vector>
 
 #include "liblinux/HidReportDescriptorParser.h"
-#include "support/hid_trace_capture.h"
+#include "support/test_support.h"
 
-using hid_test::CaptureTrace;
-using hid_test::CountOf;
-using hid_test::TraceMaskGuard;
+using ktest::CaptureTrace;
+using ktest::CountOf;
+using ktest::TraceMaskGuard;
 
 namespace {
 

@@ -20,17 +20,11 @@
 #include "libposix/PxTimeUtils.h"
 #include "libposix/PxTrace.h"
 
-namespace {
+#include "support/test_support.h"
 
-template <typename F>
-std::string CaptureTrace(F f)
-{
-    fflush(stdout);
-    testing::internal::CaptureStdout();
-    f();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using ktest::CaptureTrace;
+
+namespace {
 
 bool IsOpenDescriptor(int fd)
 {

@@ -6,9 +6,9 @@
 #include <string>
 
 #include "liblinux/LxHidRawReportBuffer.h"
-#include "support/hid_trace_capture.h"
+#include "support/test_support.h"
 
-using hid_test::CaptureTrace;
+using ktest::CaptureTrace;
 
 namespace {
 

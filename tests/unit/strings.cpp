@@ -12,17 +12,11 @@
 #include "libtb/TbBitOps.h"
 #include "libtb/TbStringUtils.h"
 
-namespace {
+#include "support/test_support.h"
 
-template <typename F>
-std::string CaptureTrace(F f)
-{
-    fflush(stdout);
-    testing::internal::CaptureStdout();
-    f();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using ktest::CaptureTrace;
+
+namespace {
 
 // The checking assertion as reported from the string unit.
 bool IsAssertionReport(const std::string& out, const char* expression)

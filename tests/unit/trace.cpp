@@ -15,17 +15,11 @@
 #include "libposix/PxTrace.h"
 #include "libtb/TbDebug.h"
 
-namespace {
+#include "support/test_support.h"
 
-template <typename F>
-std::string CaptureTrace(F f)
-{
-    fflush(stdout);
-    testing::internal::CaptureStdout();
-    f();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using ktest::CaptureTrace;
+
+namespace {
 
 class TraceTest : public ::testing::Test {
 protected:

@@ -7,17 +7,11 @@
 
 #include "karvex/karvex_api.h"
 
-namespace {
+#include "support/test_support.h"
 
-template <typename F>
-std::string CaptureTrace(F f)
-{
-    fflush(stdout);
-    testing::internal::CaptureStdout();
-    f();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using ktest::CaptureTrace;
+
+namespace {
 
 class VersionTest : public ::testing::Test {
 protected:
