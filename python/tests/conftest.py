@@ -1,10 +1,11 @@
 """Runs under karvex-emu with two adapters, pin 5 toggling, adapter 1 replugged once:
 
-    karvex-emu --adapters 2 --toggle 5:40 --replug 1:4000:1000 -- \
-        python3 -m pytest python/tests
+    KARVEX_EMU_CONTROL=/tmp/emu.ctl karvex-emu --control /tmp/emu.ctl \
+        --adapters 2 --toggle 5:40 --replug 1:200:1000 -- python3 -m pytest python/tests
 
 The hot-plug recorder and the handle on adapter 1 are set up when this file
-is imported, before any test, so that the first unplug finds them in place.
+is imported, before any test; only then does it tell karvex-emu to start its
+schedule, so the unplug finds them in place however slow the start was.
 """
 import asyncio
 import os
@@ -63,6 +64,10 @@ _loop_ready = threading.Event()
 threading.Thread(target=_async_watch, daemon=True, name="async-hotplug").start()
 if not _loop_ready.wait(DEADLINE):
     raise RuntimeError("the asyncio hot-plug watcher did not start")
+
+if "KARVEX_EMU_CONTROL" in os.environ:
+    with open(os.environ["KARVEX_EMU_CONTROL"], "w") as control:
+        control.write("start\n")
 
 
 def replugs_seen(items, path=ADAPTER1):
