@@ -21,7 +21,7 @@ constexpr unsigned int cReaderRetryDelayMs = 50;
 // before it takes the node back (at most twice this). Back-to-back commands
 // keep the node on their own thread; a pin event arriving between them is
 // delivered within this time, one arriving while a command waits at once.
-constexpr int cNodeLingerMs = 1;
+constexpr int cNodeLingerMs = 2;
 
 // poll() that resumes after a signal; -1 and errno otherwise.
 int PollResuming(struct pollfd* fds, nfds_t count, int timeoutMs)
