@@ -84,7 +84,13 @@ void EmuPtyNode::SetReadable(bool readable)
         return;
     if (readable) {
         const char token = 'r';
-        if (write(mMaster, &token, 1) != 1)
+        // The test process may be full of signals (the storm tests): a
+        // write interrupted before it moved the byte is simply repeated.
+        ssize_t n;
+        do
+            n = write(mMaster, &token, 1);
+        while (n < 0 && errno == EINTR);
+        if (n != 1)
             Fail("token write on", mSlaveName);
     } else {
         DropInput();
@@ -98,7 +104,11 @@ void EmuPtyNode::DropInput()
     // flip buffer, so no stale token can arrive after this.
     tcflush(mSlave, TCIFLUSH);
     char buf[64];
-    while (read(mSlave, buf, sizeof buf) > 0) {
+    for (;;) {
+        const ssize_t n = read(mSlave, buf, sizeof buf);
+        if (n > 0 || (n < 0 && errno == EINTR))
+            continue;
+        break;
     }
 }
 

@@ -1,5 +1,10 @@
 #include "karvex_api_linux/KarvexApiLx.h"
 
+#include <sys/stat.h>
+
+#include <new>
+#include <vector>
+
 #include "libposix/PxTrace.h"
 #include "libtb/TbOSEnv.h"
 #include "libtb/TbStringUtils.h"
@@ -17,11 +22,63 @@ KarvexApi::KarvexApi()
 
 KarvexApi::~KarvexApi()
 {
-    mPnpNotificator.Stop();
-    if (!mDeviceContainer.IsEmpty())
-        PXTRACE_ERROR("%s: FATAL: The application has leaked device handles\n");
-    // Leaked devices are destroyed (and so closed) by the container.
-    mDeviceContainer.DeleteAllObjects();
+    // Normally Shutdown has run already (see karvex_api_lx.cpp); then this
+    // finds nothing left to do.
+    Shutdown();
+}
+
+bool KarvexApi::Shutdown()
+{
+    // The line keeps the destructor's name: it is what applications see.
+    static const char* const cSignature = "KarvexApi::~KarvexApi()";
+    KarvexDevice* const ownPinDevice = KarvexDevice::CurrentPinEventDevice();
+    const bool onHotPlugThread = mPnpNotificator.IsNotificationThread();
+    // No call into the application from the hot-plug thread after this.
+    mDeviceChangeCallback = nullptr;
+    // The hot-plug thread is joined only from an application thread: on a pin
+    // event thread it may be the one waiting for us (closing our device).
+    if (ownPinDevice == nullptr && !onHotPlugThread)
+        mPnpNotificator.Stop();
+
+    // Take the devices out of the table under the lock, so that a callback
+    // still calling in finds no handle; close them without it. The device
+    // whose pin event thread this is cannot be stopped from here and stays.
+    std::vector<KarvexDevice*> devices;
+    {
+        PxMutexLock api(mApiMutex);
+        if (!mDeviceContainer.IsEmpty() && PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: FATAL: The application has leaked device handles\n", cSignature);
+        bool keptOwn = false;
+        for (;;) {
+            KarvexDevice* device = mDeviceContainer.RemoveFirstObject();
+            if (device == nullptr)
+                break;
+            if (device == ownPinDevice) {
+                keptOwn = true;
+                continue;
+            }
+            // Out of memory here, the device is closed and destroyed at once.
+            try {
+                devices.push_back(device);
+            } catch (const std::bad_alloc&) {
+                mApiMutex.Unlock();
+                DestroyDevice(device);
+                mApiMutex.Lock();
+            }
+        }
+        if (keptOwn) {
+            // Back into the table: reachable, never destroyed.
+            try {
+                mDeviceContainer.AddObject(ownPinDevice);
+            } catch (const std::bad_alloc&) {
+            }
+        }
+    }
+    for (KarvexDevice* device : devices)
+        DestroyDevice(device);
+    // On a callback thread the caller's own frames, and maybe a hot-plug
+    // thread inside the application's callback, still refer to this object.
+    return ownPinDevice == nullptr && !onHotPlugThread;
 }
 
 // ---------------------------------------------------------------------------
@@ -70,17 +127,17 @@ KarvexDevice* KarvexApi::AcquireDevice(KARVEXDeviceHandle deviceHandle, const ch
 void KarvexApi::AcquireUse(KarvexDevice* device)
 {
     std::lock_guard<std::mutex> lock(mUseMutex);
-    ++mDeviceUses[device];
+    // Every device in the handle table has its record (AddDevice).
+    auto it = mDevices.find(device);
+    if (it != mDevices.end())
+        ++it->second.uses;
 }
 
 void KarvexApi::ReleaseUse(KarvexDevice* device)
 {
     std::lock_guard<std::mutex> lock(mUseMutex);
-    // The entry stays, at 0, while the device is open: every pin and I2C call
-    // passes through here, and taking a map node for each would put a heap
-    // allocation into every transaction. CloseDevice removes it.
-    auto it = mDeviceUses.find(device);
-    if (it != mDeviceUses.end() && --it->second == 0)
+    auto it = mDevices.find(device);
+    if (it != mDevices.end() && --it->second.uses == 0)
         mUseCondition.notify_all();
 }
 
@@ -88,11 +145,55 @@ void KarvexApi::WaitUntilUnused(KarvexDevice* device)
 {
     std::unique_lock<std::mutex> lock(mUseMutex);
     mUseCondition.wait(lock, [&] {
-        auto it = mDeviceUses.find(device);
-        return it == mDeviceUses.end() || it->second == 0;
+        auto it = mDevices.find(device);
+        return it == mDevices.end() || it->second.uses == 0;
     });
     // The handle is gone from the table, so no call can mark the device again.
-    mDeviceUses.erase(device);
+    mDevices.erase(device);
+}
+
+KARVEXDeviceHandle KarvexApi::AddDevice(KarvexDevice* device)
+{
+    {
+        std::lock_guard<std::mutex> lock(mUseMutex);
+        mDevices.emplace(device, DeviceRecord{0, device->DeviceNumber()});
+    }
+    KARVEXDeviceHandle handle = 0;
+    try {
+        handle = mDeviceContainer.AddObject(device);
+    } catch (...) {
+        std::lock_guard<std::mutex> lock(mUseMutex);
+        mDevices.erase(device);
+        throw;
+    }
+    if (handle == 0) {
+        std::lock_guard<std::mutex> lock(mUseMutex);
+        mDevices.erase(device);
+    }
+    return handle;
+}
+
+bool KarvexApi::IsNodeInUse(dev_t node)
+{
+    if (node == 0)
+        return false;
+    std::lock_guard<std::mutex> lock(mUseMutex);
+    for (const auto& entry : mDevices) {
+        if (entry.second.node == node)
+            return true;
+    }
+    return false;
+}
+
+void KarvexApi::DestroyDevice(KarvexDevice* device)
+{
+    // Close first: it releases a command waiting for an answer (and with it
+    // the calls queued behind it, which then find the device closed). Calls
+    // that found the device before the handle went still hold their use
+    // mark; the device is destroyed once they are all out.
+    device->Close();
+    WaitUntilUnused(device);
+    delete device;
 }
 
 // ---------------------------------------------------------------------------
@@ -103,6 +204,12 @@ TSTATUS KarvexApi::RegisterDeviceChangeCallback(KARVEXCB_DeviceChangeEvent* call
     if (mPnpNotificator.IsNotificationThread()) {
         // Stopping the notificator from its own callback would join itself.
         PXTRACE_ERROR("%s: not allowed from inside the device change callback\n");
+        return TSTATUS_NOT_ALLOWED;
+    }
+    if (KarvexDevice::CurrentPinEventDevice() != nullptr) {
+        // The hot-plug thread may be closing this very device, and so be
+        // waiting for the pin event thread we would wait on.
+        PXTRACE_ERROR("%s: not allowed from inside a pin event callback\n");
         return TSTATUS_NOT_ALLOWED;
     }
     std::lock_guard<std::mutex> registration(mRegistrationMutex);
@@ -138,12 +245,12 @@ void KarvexApi::OnDeviceChangeCallback(LxPnPNotificatorAction action, const char
         event = KARVEXEvent_DeviceRemoved;
         break;
     default:
-        PXTRACE_WARN("%s: ignore unknown action %d for device '%s'\n", static_cast<int>(action),
+        PXTRACE_WARN("%s: ignore unknown action %d for device '%.1024s'\n", static_cast<int>(action),
                      syspath != nullptr ? syspath : "(null)");
         return;
     }
-    // Written only while the notificator is stopped, so no lock is needed here.
-    KARVEXCB_DeviceChangeEvent* callback = mDeviceChangeCallback;
+    // Written only while the notificator is stopped (or cleared at exit).
+    KARVEXCB_DeviceChangeEvent* callback = mDeviceChangeCallback.load();
     if (callback == nullptr)
         return;
     try {
@@ -213,38 +320,73 @@ TSTATUS KarvexApi::OpenDevice(const T_UNICHAR* instanceIdString, KARVEXDeviceHan
         return TSTATUS_INVALID_PARAMETER;
     }
     *deviceHandle = 0;
+    // No exception leaves here: out of memory is a status like any other.
+    try {
+        return OpenDeviceLocked(__PRETTY_FUNCTION__, instanceIdString, deviceHandle);
+    } catch (const std::bad_alloc&) {
+        PXTRACE_ERROR("%s: out of memory\n");
+        return TSTATUS_NO_MEMORY;
+    }
+}
+
+TSTATUS KarvexApi::OpenDeviceLocked(const char* signature, const T_UNICHAR* instanceIdString,
+                                    KARVEXDeviceHandle* deviceHandle)
+{
     // A private snapshot: the application's indexes into mEnumerator stay valid.
     KarvexDeviceEnumerator enumerator;
     TSTATUS st = enumerator.EnumerateHidRawDevices(&mVidPidList);
     if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: EnumerateHidRawDevices failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: EnumerateHidRawDevices failed, err = 0x%08X\n", signature, static_cast<unsigned int>(st));
         return st;
     }
     unsigned int index = 0;
     st = enumerator.FindIndexForDevicePath(instanceIdString, index);
     if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: FindIndexForDeviceInstanceId failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: FindIndexForDeviceInstanceId failed, err = 0x%08X\n", signature,
+                   static_cast<unsigned int>(st));
         return TSTATUS_OBJECT_NOT_FOUND;
+    }
+    // The node's device number, not the path string, identifies the adapter:
+    // a symlink or another spelling of the path is the same adapter.
+    struct stat node;
+    const char* path = enumerator.DevicePath(index);
+    if (path != nullptr && stat(path, &node) == 0 && IsNodeInUse(node.st_rdev)) {
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: device '%.1024s' is already open in this process\n", signature, path);
+        return TSTATUS_IN_USE;
     }
     // The allocator does not throw: a null result skips the constructor.
     KarvexDevice* device = new (TbMemTypeDontCare) KarvexDevice();
     if (device == nullptr) {
-        PXTRACE_ERROR("%s: Failed to allocate device object\n");
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: Failed to allocate device object\n", signature);
         return TSTATUS_NO_MEMORY;
     }
     st = device->Open(enumerator, index);
     if (st != TSTATUS_SUCCESS) {
-        PXTRACE_ERROR("%s: Open failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: Open failed, err = 0x%08X\n", signature, static_cast<unsigned int>(st));
         delete device;
         return st;
     }
-    const KARVEXDeviceHandle handle = mDeviceContainer.AddObject(device);
+    KARVEXDeviceHandle handle = 0;
+    try {
+        handle = AddDevice(device);
+    } catch (const std::bad_alloc&) {
+        // Nothing of it was kept: close it (its reader thread ends) and free it.
+        delete device;
+        throw;
+    }
     if (handle == 0) {
-        PXTRACE_ERROR("%s: AddObject failed, no resources\n");
+        if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+            tprint("%s: AddObject failed, no resources\n", signature);
         delete device;
         return TSTATUS_NO_RESOURCES;
     }
-    PXTRACE_INFO("%s: Successfully opened device '%s', handle=0x%08X\n", instanceIdString, handle);
+    if (PxTraceEnabled(KARVEX_TRACE_INFO))
+        tprint("%s: Successfully opened device '%.1024s', handle=0x%08X\n", signature, instanceIdString, handle);
     *deviceHandle = handle;
     return TSTATUS_SUCCESS;
 }
@@ -264,16 +406,16 @@ TSTATUS KarvexApi::CloseDevice(KARVEXDeviceHandle deviceHandle)
             PXTRACE_ERROR("%s: not allowed from inside the pin event callback of device 0x%08X\n", deviceHandle);
             return TSTATUS_NOT_ALLOWED;
         }
+        if (KarvexDevice::CurrentPinEventDevice() != nullptr) {
+            // Closing joins this device's pin event thread, whose callback
+            // may be closing the caller's device, and so be waiting for us.
+            PXTRACE_ERROR("%s: not allowed from inside a pin event callback\n");
+            return TSTATUS_NOT_ALLOWED;
+        }
         // From here on no call finds the handle.
         mDeviceContainer.RemoveObject(device, deviceHandle);
     }
-    // Close first: it releases a command waiting for an answer (and with it
-    // the calls queued behind it, which then find the device closed). Calls
-    // that found the device before the handle went still hold their use
-    // mark; the device is destroyed once they are all out.
-    device->Close();
-    WaitUntilUnused(device);
-    delete device;
+    DestroyDevice(device);
     PXTRACE_INFO("%s: Device with handle=0x%08X was closed\n", deviceHandle);
     return TSTATUS_SUCCESS;
 }
@@ -303,7 +445,19 @@ TSTATUS KarvexApi::RegisterPinEventCallback(KARVEXDeviceHandle deviceHandle, KAR
 {
     // Without any lock: re-registration joins the pin event thread, whose
     // callback may be waiting for one.
-    return RunInUse(deviceHandle, __PRETTY_FUNCTION__, [&](KarvexDevice& device) { return device.RegisterPinEventCallback(callback, callbackContext); });
+    const char* signature = __PRETTY_FUNCTION__;
+    return RunInUse(deviceHandle, signature, [&](KarvexDevice& device) {
+        KarvexDevice* current = KarvexDevice::CurrentPinEventDevice();
+        if (current != nullptr && current != &device) {
+            // Another device's pin event thread would be joined, and its
+            // callback may be waiting for ours. (The device itself refuses a
+            // call from its own callback.)
+            if (PxTraceEnabled(KARVEX_TRACE_ERROR))
+                tprint("%s: not allowed from inside a pin event callback\n", signature);
+            return TSTATUS_NOT_ALLOWED;
+        }
+        return device.RegisterPinEventCallback(callback, callbackContext);
+    });
 }
 
 // ---------------------------------------------------------------------------
@@ -328,7 +482,11 @@ TSTATUS KarvexApi::GetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pin
         return TSTATUS_INVALID_PARAMETER;
     }
     return RunLocked(deviceHandle, __PRETTY_FUNCTION__,
-                     [&](KarvexDevice& device) { return device.GetPinState(pinId, *state); });
+                     [&](KarvexDevice& device) {
+                         // Defined from here on, also when the device is found closed.
+                         *state = GPIOState_Low;
+                         return device.GetPinState(pinId, *state);
+                     });
 }
 
 TSTATUS KarvexApi::GetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode* mode)
@@ -338,7 +496,10 @@ TSTATUS KarvexApi::GetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinI
         return TSTATUS_INVALID_PARAMETER;
     }
     return RunLocked(deviceHandle, __PRETTY_FUNCTION__,
-                     [&](KarvexDevice& device) { return device.GetPinMode(pinId, *mode); });
+                     [&](KarvexDevice& device) {
+                         *mode = GPIOMode_Input;
+                         return device.GetPinMode(pinId, *mode);
+                     });
 }
 
 TSTATUS KarvexApi::I2cTransaction(KARVEXDeviceHandle deviceHandle, unsigned int i2cBus, unsigned int i2cSpeed,

@@ -2,6 +2,8 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -23,15 +25,8 @@ constexpr unsigned int cReaderRetryDelayMs = 50;
 // delivered within this time, one arriving while a command waits at once.
 constexpr int cNodeLingerMs = 2;
 
-// poll() that resumes after a signal; -1 and errno otherwise.
-int PollResuming(struct pollfd* fds, nfds_t count, int timeoutMs)
-{
-    int rc;
-    do {
-        rc = poll(fds, count, timeoutMs);
-    } while (rc < 0 && errno == EINTR);
-    return rc;
-}
+// The device whose pin event thread this is; set once by the thread itself.
+thread_local KarvexDevice* tPinEventDevice = nullptr;
 
 } // namespace
 
@@ -54,7 +49,8 @@ KarvexDevice::KarvexDevice()
       mUniqueId(0),
       mPinEventControlMutex(true),
       mEventQueueGate(true),
-      mPinEventThreadId(0)
+      mPinEventThreadId(0),
+      mDeviceNumber(0)
 {
     mReaderThreadForwarder.Init(this, &KarvexDevice::ReadThreadRoutine);
     mPinEventThreadForwarder.Init(this, &KarvexDevice::PinEventThreadRoutine);
@@ -103,6 +99,11 @@ TSTATUS KarvexDevice::Open(KarvexDeviceEnumerator& enumerator, unsigned int devi
     TSTATUS st = mHidDevice.OpenHidRawDevice(enumerator, deviceIndex);
     if (st != TSTATUS_SUCCESS) {
         PXTRACE_ERROR("%s: OpenHidRawDevice failed, err = 0x%08X\n", static_cast<unsigned int>(st));
+        Close();
+        return st;
+    }
+    st = LockNode(enumerator.DevicePath(deviceIndex));
+    if (st != TSTATUS_SUCCESS) {
         Close();
         return st;
     }
@@ -179,13 +180,39 @@ void KarvexDevice::Close()
         mResponseQueue.SetEvent();
 
     EnterCritSec();
+    // Closing the descriptor also drops the lock on the node.
     mHidDevice.CloseHidRawDevice();
+    mDeviceNumber = 0;
     FreeResources();
     mPinEventCallback = nullptr;
     mPinEventCallbackContext = nullptr;
     mCloseRequested = false;
     mAbortWaitingCommand = false;
     LeaveCritSec();
+}
+
+TSTATUS KarvexDevice::LockNode(const char* devicePath)
+{
+    // hidraw hands every input report to every open descriptor of the node,
+    // and every device object numbers its commands from 1: two users of one
+    // adapter would take each other's answers. The advisory lock keeps out a
+    // second user, in another program or in this one (the lock belongs to
+    // the open file, not to the process).
+    const int fd = mHidDevice.GetFileDescriptor();
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const int err = errno;
+        if (err == EWOULDBLOCK) {
+            PXTRACE_ERROR("%s: device '%.1024s' is in use by another program\n", devicePath != nullptr ? devicePath : "");
+            return TSTATUS_IN_USE;
+        }
+        // A node that cannot be locked (no lock support) is used unlocked.
+        PXTRACE_WARN("%s: flock failed (%d), device '%.1024s' not locked\n", err, devicePath != nullptr ? devicePath : "");
+    }
+    // Taken from the path, as the API object takes it for its own check.
+    struct stat info;
+    if (devicePath != nullptr && stat(devicePath, &info) == 0)
+        mDeviceNumber = info.st_rdev;
+    return TSTATUS_SUCCESS;
 }
 
 TSTATUS KarvexDevice::AllocateResources()
@@ -576,8 +603,12 @@ void* KarvexDevice::ReadThreadRoutine()
         fds[2].fd = mReaderWakePipe.GetReadEnd();
         fds[2].events = POLLIN;
         fds[2].revents = 0;
-        const int rc = PollResuming(fds, 3, ownsNode ? -1 : cNodeLingerMs);
+        const int rc = poll(fds, 3, ownsNode ? -1 : cNodeLingerMs);
         if (rc < 0) {
+            // An interrupted wait simply resumes; only a real failure is
+            // traced and slowed down.
+            if (errno == EINTR)
+                continue;
             PXTRACE_ERROR("%s: poll failed (%d)\n", errno);
             PxSleep(cReaderRetryDelayMs);
             continue;
@@ -870,6 +901,11 @@ TSTATUS KarvexDevice::I2cTransaction(unsigned int i2cBus, unsigned int i2cSpeed,
 // ---------------------------------------------------------------------------
 // Pin events
 
+KarvexDevice* KarvexDevice::CurrentPinEventDevice()
+{
+    return tPinEventDevice;
+}
+
 bool KarvexDevice::IsPinEventThread()
 {
     const unsigned long id = mPinEventThreadId.load();
@@ -961,6 +997,7 @@ void KarvexDevice::FreePinEventResources()
 
 void* KarvexDevice::PinEventThreadRoutine()
 {
+    tPinEventDevice = this;
     mPinEventThreadId = static_cast<unsigned long>(pthread_self());
     for (;;) {
         // The Get below resets the event when it empties the queue, and so

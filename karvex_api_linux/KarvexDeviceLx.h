@@ -14,6 +14,8 @@
 // pin callback may call into the library while they wait for it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 
 #include "karvex/karvex_api.h"
@@ -58,6 +60,12 @@ public:
     // True on the device's own pin event thread (where the application's pin
     // callback runs): stopping that thread from itself is refused.
     bool IsPinEventThread();
+    // The device whose pin event thread is the calling thread, or null when
+    // the caller is not on any device's pin event thread.
+    static KarvexDevice* CurrentPinEventDevice();
+
+    // Device number (st_rdev) of the open hidraw node, 0 while closed.
+    dev_t DeviceNumber() const { return mDeviceNumber; }
 
     // Serialises the device's transactions; taken by the API object around
     // every pin and I2C call.
@@ -71,6 +79,9 @@ private:
     void LeaveCritSec() { mMutex.Unlock(); }
 
     TSTATUS CheckReportLength(const char* direction, unsigned int length);
+    // Takes the advisory lock on the opened node; TSTATUS_IN_USE when another
+    // open file holds it.
+    TSTATUS LockNode(const char* devicePath);
     TSTATUS AllocateResources();
     void FreeResources();
 
@@ -181,4 +192,5 @@ private:
     PxMutex mEventQueueGate;
     // Identity of the running pin event thread (for IsPinEventThread).
     std::atomic<unsigned long> mPinEventThreadId;
+    dev_t mDeviceNumber;
 };

@@ -3,6 +3,8 @@
 // object; the version functions answer on their own.
 #include "karvex/karvex_api.h"
 
+#include <new>
+
 #include "karvex_api_linux/KarvexApiLx.h"
 #include "libposix/PxTrace.h"
 
@@ -39,7 +41,30 @@ extern "C" KARVEX_API unsigned int KARVEX_GetUniCharSize(void)
 // Device functions. Each traces its entry and exit on the function class and
 // hands the call unchanged to the API object, which checks the arguments.
 
-KarvexApi gDllApi;
+// The API object lives in static storage and is destroyed by an exit
+// handler of our own rather than the compiler's: when the process ends on one
+// of the library's callback threads (exit() in a callback), threads that
+// cannot be stopped from there still use it, and it must stay alive.
+namespace {
+
+alignas(KarvexApi) unsigned char gDllApiStorage[sizeof(KarvexApi)];
+
+struct DllApiLifetime {
+    DllApiLifetime() { new (gDllApiStorage) KarvexApi(); }
+    ~DllApiLifetime()
+    {
+        KarvexApi* api = std::launder(reinterpret_cast<KarvexApi*>(gDllApiStorage));
+        if (api->Shutdown())
+            api->~KarvexApi();
+    }
+};
+
+// Constructed (and its destructor registered for exit) at library load.
+DllApiLifetime gDllApiLifetime;
+
+} // namespace
+
+KarvexApi& gDllApi = *std::launder(reinterpret_cast<KarvexApi*>(gDllApiStorage));
 
 namespace {
 
@@ -76,7 +101,7 @@ KARVEX_API TSTATUS KARVEX_GetDeviceInstanceId(unsigned int deviceIndex, T_UNICHA
 KARVEX_API TSTATUS KARVEX_OpenDevice(const T_UNICHAR* instanceIdString, KARVEXDeviceHandle* deviceHandle)
 {
     // A null string is printed the way the C library prints it: "(null)".
-    PXTRACE_FUNC("%s: --> instanceIdString=%s\n", instanceIdString != nullptr ? instanceIdString : "(null)");
+    PXTRACE_FUNC("%s: --> instanceIdString=%.1024s\n", instanceIdString != nullptr ? instanceIdString : "(null)");
     return TraceExit(__PRETTY_FUNCTION__, gDllApi.OpenDevice(instanceIdString, deviceHandle));
 }
 

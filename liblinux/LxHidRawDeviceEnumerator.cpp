@@ -37,6 +37,9 @@ TSTATUS LxHidRawDeviceEnumerator::EnumerateHidRawDevices(const TbUsbVidPidList* 
 {
     ClearList();
 
+    // One pass over the shared context at a time, against application
+    // threads and the hot-plug thread alike.
+    PxMutexLock udevLock(LxUdevContextGlobal::GetLock());
     LxUdevContext& ctx = LxUdevContextGlobal::GetContext();
     LxUdevEnumerator enumerator;
     if (!enumerator.Init(ctx)) {
@@ -99,20 +102,20 @@ TSTATUS LxHidRawDeviceEnumerator::EnumerateHidRawDevices(const TbUsbVidPidList* 
         T_INT32 interfaceNumber = static_cast<T_INT32>(ParseHex(interfaceNumberStr));
 
         if (PxTraceEnabled(KARVEX_TRACE_VERBOSE)) {
-            PXTRACE_VERBOSE("%s: hidraw:          '%s'\n", OrNull(hidrawDev.GetDevnode()));
-            PXTRACE_VERBOSE("%s: usb_device:      '%s'\n", OrNull(usbDev.GetDevnode()));
-            PXTRACE_VERBOSE("%s: usb_interface:   '%s'\n", OrNull(interfaceDev.GetDevnode()));
-            PXTRACE_VERBOSE("%s: hidraw:          '%s'\n", OrNull(hidrawDev.GetDevpath()));
-            PXTRACE_VERBOSE("%s: usb_device:      '%s'\n", OrNull(usbDev.GetDevpath()));
-            PXTRACE_VERBOSE("%s: usb_interface:   '%s'\n", OrNull(interfaceDev.GetDevpath()));
-            PXTRACE_VERBOSE("%s: manufacturer:    '%s'\n", OrNull(manufacturer));
-            PXTRACE_VERBOSE("%s: product:         '%s'\n", OrNull(product));
-            PXTRACE_VERBOSE("%s: serial:          '%s'\n", OrNull(serial));
+            PXTRACE_VERBOSE("%s: hidraw:          '%.1024s'\n", OrNull(hidrawDev.GetDevnode()));
+            PXTRACE_VERBOSE("%s: usb_device:      '%.1024s'\n", OrNull(usbDev.GetDevnode()));
+            PXTRACE_VERBOSE("%s: usb_interface:   '%.1024s'\n", OrNull(interfaceDev.GetDevnode()));
+            PXTRACE_VERBOSE("%s: hidraw:          '%.1024s'\n", OrNull(hidrawDev.GetDevpath()));
+            PXTRACE_VERBOSE("%s: usb_device:      '%.1024s'\n", OrNull(usbDev.GetDevpath()));
+            PXTRACE_VERBOSE("%s: usb_interface:   '%.1024s'\n", OrNull(interfaceDev.GetDevpath()));
+            PXTRACE_VERBOSE("%s: manufacturer:    '%.1024s'\n", OrNull(manufacturer));
+            PXTRACE_VERBOSE("%s: product:         '%.1024s'\n", OrNull(product));
+            PXTRACE_VERBOSE("%s: serial:          '%.1024s'\n", OrNull(serial));
             PXTRACE_VERBOSE("%s: vid:             0x%04x\n", vid);
             PXTRACE_VERBOSE("%s: pid:             0x%04x\n", pid);
             PXTRACE_VERBOSE("%s: bcd_device:      0x%04x\n", bcdDevice);
             PXTRACE_VERBOSE("%s: interface:       0x%02x\n", interfaceNumber);
-            PXTRACE_VERBOSE("%s: interface_str:   '%s'\n", OrNull(interfaceStr));
+            PXTRACE_VERBOSE("%s: interface_str:   '%.1024s'\n", OrNull(interfaceStr));
         }
 
         if (filter != nullptr && !filter->IsVidPidContained(vid, pid)) {
@@ -260,4 +263,30 @@ void LxHidRawDeviceEnumerator::ClearList()
          info = mDeviceList.RemoveHead())
         delete info;
     mDeviceCount = 0;
+}
+
+bool LxHidRawDeviceEnumerator::RemoveDevicePath(const char* path)
+{
+    for (LxHidRawDeviceEnumeratorInfo* info = mDeviceList.Head(); info != nullptr; info = mDeviceList.Next(info)) {
+        if (TbStringEqualIgnoreCase(path, info->mDevicePath)) {
+            mDeviceList.Remove(info);
+            delete info;
+            --mDeviceCount;
+            return true;
+        }
+    }
+    return false;
+}
+
+void LxHidRawDeviceEnumerator::MergeFrom(LxHidRawDeviceEnumerator& fresh)
+{
+    for (LxHidRawDeviceEnumeratorInfo* info = fresh.mDeviceList.Head(); info != nullptr;
+         info = fresh.mDeviceList.Next(info))
+        RemoveDevicePath(info->mDevicePath);
+    for (LxHidRawDeviceEnumeratorInfo* info = fresh.mDeviceList.RemoveHead(); info != nullptr;
+         info = fresh.mDeviceList.RemoveHead()) {
+        mDeviceList.InsertTail(info);
+        ++mDeviceCount;
+    }
+    fresh.mDeviceCount = 0;
 }

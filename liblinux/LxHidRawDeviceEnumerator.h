@@ -36,6 +36,14 @@ public:
 
     void ClearList();
 
+    // Drops the first record whose path equals path ignoring case; false
+    // when there is none.
+    bool RemoveDevicePath(const char* path);
+    // Takes over every record of fresh (fresh ends empty). A record of this
+    // list whose path fresh also lists is replaced; the others are kept, in
+    // front of fresh's records.
+    void MergeFrom(LxHidRawDeviceEnumerator& fresh);
+
 private:
     TbDListX<LxHidRawDeviceEnumeratorInfo, &LxHidRawDeviceEnumeratorInfo::mListEntry> mDeviceList;
     T_UINT32 mDeviceCount;

@@ -48,7 +48,7 @@ TSTATUS LxHidRawDeviceInterface::OpenHidRawDevice(LxHidRawDeviceEnumerator& enum
     }
 
     const char* path = enumerator.DevicePath(deviceIndex);
-    PXTRACE_VERBOSE("%s: open: '%s'\n", path);
+    PXTRACE_VERBOSE("%s: open: '%.1024s'\n", path);
     // Non-blocking: a read returns a queued report at once or fails with
     // EAGAIN; waiting is done with poll. Close-on-exec keeps the node out of
     // programs the application starts.
@@ -126,7 +126,7 @@ TSTATUS LxHidRawDeviceInterface::OpenHidRawDevice(LxHidRawDeviceEnumerator& enum
     if (serNumStr != nullptr) {
         const unsigned length = TbStringLen(serNumStr);
         if (length >= cSerialNumberStrSize) {
-            PXTRACE_WARN("%s: Too large serial number '%s' (%u bytes) ignored, max. %u bytes\n", serNumStr, length,
+            PXTRACE_WARN("%s: Too large serial number '%.1024s' (%u bytes) ignored, max. %u bytes\n", serNumStr, length,
                          cSerialNumberStrSize);
         } else {
             std::memcpy(mSerialNumberStr, serNumStr, length + 1);
@@ -168,7 +168,10 @@ TSTATUS LxHidRawDeviceInterface::WriteReport(LxHidRawReportBuffer& buffer)
         return TSTATUS_NOT_OPENED;
     }
     buffer.SetBytesTransferred(0);
-    const ssize_t n = write(mFileDescriptor, buffer.Buffer(), buffer.BufferSize());
+    ssize_t n;
+    do
+        n = write(mFileDescriptor, buffer.Buffer(), buffer.BufferSize());
+    while (n < 0 && errno == EINTR);
     if (n < 0) {
         const int err = errno;
         PXTRACE_ERROR("%s: write failed (%d)\n", err);
@@ -187,13 +190,15 @@ TSTATUS LxHidRawDeviceInterface::ReadReport(LxHidRawReportBuffer& buffer)
     buffer.SetBytesTransferred(0);
     const bool numbered = IsNumberedInputReport();
     ssize_t n;
-    if (numbered) {
-        // The kernel puts the report ID into byte 0.
-        n = read(mFileDescriptor, buffer.Buffer(), buffer.BufferSize());
-    } else {
-        buffer.SetReportId(0);
-        n = read(mFileDescriptor, buffer.ReportData(), buffer.ReportDataSize());
-    }
+    do {
+        if (numbered) {
+            // The kernel puts the report ID into byte 0.
+            n = read(mFileDescriptor, buffer.Buffer(), buffer.BufferSize());
+        } else {
+            buffer.SetReportId(0);
+            n = read(mFileDescriptor, buffer.ReportData(), buffer.ReportDataSize());
+        }
+    } while (n < 0 && errno == EINTR);
     if (n < 0) {
         const int err = errno;
         if (err == EAGAIN)

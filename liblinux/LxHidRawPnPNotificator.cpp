@@ -50,6 +50,25 @@ TSTATUS LxHidRawPnPNotificator::StartForHidRawDevices(LxPnPNotificatorCallbackIn
     return TSTATUS_SUCCESS;
 }
 
+TSTATUS LxHidRawPnPNotificator::RefreshCache()
+{
+    if (!mUpdateCacheOnRemove) {
+        // Removals leave the cache alone; an arrival rebuilds it outright.
+        return mEnumerator.EnumerateHidRawDevices(mVidPidList);
+    }
+    // udev sends "remove" only after the node has left sysfs, so a fresh
+    // enumeration no longer lists adapters whose removal is still queued
+    // behind this event (a hub unplugged, a composite adapter). Their records
+    // are kept until their own event takes them out; every other record is
+    // replaced by what the enumeration found. A failed enumeration leaves the
+    // cache as it was.
+    LxHidRawDeviceEnumerator fresh;
+    const TSTATUS rc = fresh.EnumerateHidRawDevices(mVidPidList);
+    if (rc == TSTATUS_SUCCESS)
+        mEnumerator.MergeFrom(fresh);
+    return rc;
+}
+
 bool LxHidRawPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& device, LxPnPNotificatorAction action)
 {
     if (mVidPidList == nullptr)
@@ -58,15 +77,28 @@ bool LxHidRawPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& device, LxPnPN
     switch (action) {
     case Action_add:
     case Action_online: {
+        const char* devnode = device.GetDevnode();
         LxUdevDevice usbDevice;
-        if (!usbDevice.InitWithGetParentWithSubsystemDevtype(device, "usb", "usb_device")) {
-            PXTRACE_ERROR("%s: InitWithGetParentWithSubsystemDevtype usb_device failed\n");
-            return false;
+        const char* vidText = nullptr;
+        const char* pidText = nullptr;
+        const bool haveParent = usbDevice.InitWithGetParentWithSubsystemDevtype(device, "usb", "usb_device");
+        if (haveParent) {
+            vidText = usbDevice.GetSysattrValue("idVendor");
+            pidText = usbDevice.GetSysattrValue("idProduct");
         }
-        const char* vidText = usbDevice.GetSysattrValue("idVendor");
-        const char* pidText = usbDevice.GetSysattrValue("idProduct");
-        if (vidText == nullptr || pidText == nullptr) {
-            PXTRACE_ERROR("%s: can not get VID/PID\n");
+        if (!haveParent || vidText == nullptr || pidText == nullptr) {
+            // An adapter that arrived and left again before this event was
+            // handled has no sysfs entry any more. A refresh made for an
+            // earlier event may have seen it; then its removal will be
+            // reported from the cache, and so its arrival is reported too.
+            unsigned index = 0;
+            if (devnode != nullptr && mUpdateCacheOnRemove &&
+                mEnumerator.FindIndexForDevicePath(devnode, index) == TSTATUS_SUCCESS)
+                return true;
+            if (!haveParent)
+                PXTRACE_ERROR("%s: InitWithGetParentWithSubsystemDevtype usb_device failed\n");
+            else
+                PXTRACE_ERROR("%s: can not get VID/PID\n");
             return false;
         }
         const T_UINT16 vid = static_cast<T_UINT16>(strtol(vidText, nullptr, 16));
@@ -85,7 +117,7 @@ bool LxHidRawPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& device, LxPnPN
             return false;
         }
 
-        TSTATUS rc = mEnumerator.EnumerateHidRawDevices(mVidPidList);
+        TSTATUS rc = RefreshCache();
         if (rc != TSTATUS_SUCCESS)
             PXTRACE_ERROR("%s: EnumerateHidRawDevices (add) failed, err = 0x%08X\n", static_cast<unsigned int>(rc));
         // Reported even when the cache could not be refreshed.
@@ -102,13 +134,16 @@ bool LxHidRawPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& device, LxPnPN
         if (devnode != nullptr)
             rc = mEnumerator.FindIndexForDevicePath(devnode, index);
         if (rc != TSTATUS_SUCCESS) {
-            PXTRACE_INFO("%s: FindIndexForDevicePath('%s') failed, err = 0x%08X, ignore device\n",
+            PXTRACE_INFO("%s: FindIndexForDevicePath('%.1024s') failed, err = 0x%08X, ignore device\n",
                          devnode != nullptr ? devnode : "(null)", static_cast<unsigned int>(rc));
             return false;
         }
         if (!mUpdateCacheOnRemove)
             return true;
-        rc = mEnumerator.EnumerateHidRawDevices(mVidPidList);
+        // This adapter is reported now and leaves the cache; the others keep
+        // their records (see RefreshCache).
+        mEnumerator.RemoveDevicePath(devnode);
+        rc = RefreshCache();
         if (rc != TSTATUS_SUCCESS)
             PXTRACE_ERROR("%s: EnumerateHidRawDevices (remove) failed, err = 0x%08X\n",
                           static_cast<unsigned int>(rc));
@@ -117,7 +152,7 @@ bool LxHidRawPnPNotificator::OnFilterDeviceInstance(LxUdevDevice& device, LxPnPN
 
     default: {
         const char* devnode = device.GetDevnode();
-        PXTRACE_WARN("%s: ignore unknown action %d for device '%s'\n", static_cast<int>(action),
+        PXTRACE_WARN("%s: ignore unknown action %d for device '%.1024s'\n", static_cast<int>(action),
                      devnode != nullptr ? devnode : "(null)");
         return false;
     }

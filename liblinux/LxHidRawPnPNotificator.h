@@ -2,7 +2,9 @@
 // An arrival passes when the hidraw device's USB device is in the filter
 // list; a removal passes when the device node is in this notificator's own
 // enumeration cache, which is refreshed after every event let through (the
-// USB attributes of a vanished device can no longer be read).
+// USB attributes of a vanished device can no longer be read). A record leaves
+// the cache only with its own removal, so adapters leaving together are each
+// reported once.
 #pragma once
 
 #include "karvex/karvex_api.h"
@@ -33,6 +35,10 @@ protected:
     // Runs on the monitor thread without mMutex: the cache and the filter are
     // changed by the owner only while no monitor thread exists.
     bool OnFilterDeviceInstance(LxUdevDevice& device, LxPnPNotificatorAction action) override;
+    // Brings the cache up to date after an event let through; with
+    // updateCacheOnRemove it keeps the records of adapters whose removal has
+    // not been handled yet.
+    TSTATUS RefreshCache();
 
     // Serialises StartForHidRawDevices and Stop; recursive because a failed
     // start stops again with it held.

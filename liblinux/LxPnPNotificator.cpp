@@ -18,9 +18,12 @@ const char* const cActionNames[] = {"add", "remove", "change", "online", "offlin
 // polling on would only spin, so the thread treats them all as an error.
 const short cPollErrorEvents = POLLERR | POLLHUP | POLLNVAL;
 
+// sysfs paths are bounded by PATH_MAX.
+const unsigned cMaxSyspathLength = 4096;
+
 } // namespace
 
-LxPnPNotificator::LxPnPNotificator() : mStarted(false), mTerminate(false), mCallback(nullptr)
+LxPnPNotificator::LxPnPNotificator() : mStarted(false), mTerminate(false), mCallback(nullptr), mMonitorFd(-1)
 {
     mThreadForwarder.Init(this, &LxPnPNotificator::ThreadCallback);
 }
@@ -37,19 +40,23 @@ TSTATUS LxPnPNotificator::Start(LxPnPNotificatorCallbackInterface* callback, con
     if (mStarted)
         return TSTATUS_ALREADY_DONE;
 
-    if (!mUdevMonitor.InitFromNetLinkUdev(LxUdevContextGlobal::GetContext()))
-        return TSTATUS_FAILED;
-    // Receiving is enabled before the thread exists: events arriving in
-    // between wait in the socket and are served on the first poll.
-    if (!mUdevMonitor.FilterAddMatchSubsystemDevtype(subsystem, devtype) || !mUdevMonitor.EnableReceiving()) {
-        mUdevMonitor.Deinit();
-        return TSTATUS_FAILED;
+    {
+        PxMutexLock udevLock(LxUdevContextGlobal::GetLock());
+        if (!mUdevMonitor.InitFromNetLinkUdev(LxUdevContextGlobal::GetContext()))
+            return TSTATUS_FAILED;
+        // Receiving is enabled before the thread exists: events arriving in
+        // between wait in the socket and are served on the first poll.
+        if (!mUdevMonitor.FilterAddMatchSubsystemDevtype(subsystem, devtype) || !mUdevMonitor.EnableReceiving()) {
+            mUdevMonitor.Deinit();
+            return TSTATUS_FAILED;
+        }
+        mMonitorFd = mUdevMonitor.GetFd();
     }
 
     int rc = mPipe.Create(true);
     if (rc < 0) {
         PXTRACE_ERROR("%s: mPipe.Create failed (%s)\n", strerror(-rc));
-        mUdevMonitor.Deinit();
+        DeinitMonitor();
         return TSTATUS_FAILED;
     }
 
@@ -62,7 +69,7 @@ TSTATUS LxPnPNotificator::Start(LxPnPNotificatorCallbackInterface* callback, con
         // reports as an unknown error; the raw value is what gets logged.
         PXTRACE_ERROR("%s: mThread.Create failed (%s)\n", strerror(err));
         mPipe.Close();
-        mUdevMonitor.Deinit();
+        DeinitMonitor();
         return TSTATUS_FAILED;
     }
 
@@ -81,11 +88,18 @@ void LxPnPNotificator::Stop()
     mThread.Join(nullptr, -1);
 
     mPipe.Close();
-    mUdevMonitor.Deinit();
+    DeinitMonitor();
 
     mTerminate = false;
     mCallback = nullptr;
     mStarted = false;
+}
+
+void LxPnPNotificator::DeinitMonitor()
+{
+    PxMutexLock udevLock(LxUdevContextGlobal::GetLock());
+    mUdevMonitor.Deinit();
+    mMonitorFd = -1;
 }
 
 bool LxPnPNotificator::IsStarted()
@@ -121,7 +135,7 @@ void* LxPnPNotificator::ThreadCallback()
         fds[0].fd = mPipe.GetReadEnd();
         fds[0].events = POLLIN | POLLERR;
         fds[0].revents = 0;
-        fds[1].fd = mUdevMonitor.GetFd();
+        fds[1].fd = mMonitorFd;
         fds[1].events = POLLIN | POLLERR;
         fds[1].revents = 0;
 
@@ -133,7 +147,10 @@ void* LxPnPNotificator::ThreadCallback()
             continue;
         }
         if (n < 0) {
-            // EINTR included: a signal aimed at this thread ends it.
+            // A signal that reaches this thread anyway (one the application
+            // sends to it directly) only interrupts the wait.
+            if (errno == EINTR)
+                continue;
             PXTRACE_ERROR("%s: poll error (%s)\n", strerror(errno));
             return nullptr;
         }
@@ -163,29 +180,44 @@ void* LxPnPNotificator::ThreadCallback()
 
 void LxPnPNotificator::HandlePnPEvent()
 {
-    // Adopts the reference that the monitor hands over.
-    LxUdevDevice device(mUdevMonitor.ReceiveDevice());
-    if (!device.IsInitialized())
-        return;
+    LxPnPNotificatorAction action;
+    // Copied out, so that the device is released under the udev lock and the
+    // callback runs without it (an application may enumerate from there).
+    char syspath[cMaxSyspathLength];
+    bool haveSyspath = false;
+    {
+        PxMutexLock udevLock(LxUdevContextGlobal::GetLock());
+        // Adopts the reference that the monitor hands over; released before
+        // the lock (declared after it).
+        LxUdevDevice device(mUdevMonitor.ReceiveDevice());
+        if (!device.IsInitialized())
+            return;
 
-    const char* actionText = device.GetAction();
-    int action = -1;
-    if (actionText != nullptr) {
-        for (unsigned i = 0; i < sizeof(cActionNames) / sizeof(cActionNames[0]); ++i) {
-            if (TbStringEqualIgnoreCase(actionText, cActionNames[i])) {
-                action = static_cast<int>(i);
-                break;
+        const char* actionText = device.GetAction();
+        int actionIndex = -1;
+        if (actionText != nullptr) {
+            for (unsigned i = 0; i < sizeof(cActionNames) / sizeof(cActionNames[0]); ++i) {
+                if (TbStringEqualIgnoreCase(actionText, cActionNames[i])) {
+                    actionIndex = static_cast<int>(i);
+                    break;
+                }
             }
         }
-    }
-    if (action < 0) {
-        PXTRACE_WARN("%s: ignore unexpected action %s\n", actionText != nullptr ? actionText : "(null)");
-        return;
-    }
+        if (actionIndex < 0) {
+            PXTRACE_WARN("%s: ignore unexpected action %.1024s\n", actionText != nullptr ? actionText : "(null)");
+            return;
+        }
+        action = static_cast<LxPnPNotificatorAction>(actionIndex);
 
-    if (mCallback == nullptr)
-        return;
-    if (!OnFilterDeviceInstance(device, static_cast<LxPnPNotificatorAction>(action)))
-        return;
-    mCallback->PnPAction(static_cast<LxPnPNotificatorAction>(action), device.GetSyspath());
+        if (mCallback == nullptr)
+            return;
+        if (!OnFilterDeviceInstance(device, action))
+            return;
+        const char* path = device.GetSyspath();
+        if (path != nullptr) {
+            TbStringNCopy(syspath, path, sizeof(syspath));
+            haveSyspath = true;
+        }
+    }
+    mCallback->PnPAction(action, haveSyspath ? syspath : nullptr);
 }

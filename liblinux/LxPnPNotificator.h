@@ -50,8 +50,11 @@ protected:
 
     // The monitor thread's routine; always returns null.
     void* ThreadCallback();
-    // Receives and dispatches one event from the monitor.
+    // Receives and dispatches one event from the monitor. The udev work
+    // (receive, filter) holds the udev lock; the callback runs without it.
     void HandlePnPEvent();
+    // Releases the monitor under the udev lock.
+    void DeinitMonitor();
 
     PxThread mThread;
     PxThreadCallbackForwarderT<LxPnPNotificator> mThreadForwarder;
@@ -66,4 +69,7 @@ protected:
     // Not owned. Set by Start before the thread exists, cleared by Stop after
     // it has been joined, so the thread reads it without a lock.
     LxPnPNotificatorCallbackInterface* mCallback;
+    // The monitor's socket, read once at Start so that the thread polls it
+    // without touching libudev.
+    int mMonitorFd;
 };

@@ -23,7 +23,17 @@ union TraceMutexHolder {
     ~TraceMutexHolder() {}
 };
 
-__constinit TraceMutexHolder gTraceMutexHolder;
+// Checked constant initialisation: GCC's keyword, clang's attribute (C++17
+// has neither as a standard spelling).
+#if defined(__clang__)
+#define PX_CONSTINIT [[clang::require_constant_initialization]]
+#elif defined(__GNUC__)
+#define PX_CONSTINIT __constinit
+#else
+#define PX_CONSTINIT
+#endif
+
+PX_CONSTINIT TraceMutexHolder gTraceMutexHolder;
 
 } // namespace
 

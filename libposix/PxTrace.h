@@ -27,6 +27,10 @@ extern unsigned int gCol;
 extern char gTracePrefixBuffer[cTracePrefixBufferSize];
 
 // Size of VPrint's formatting buffer; a longer message aborts the process.
+// Every text that comes from the application, a device or udev is therefore
+// printed with the precision "%.1024s": with the longest signature and the
+// fixed text of its line it still fits, and any real path, id or USB string
+// (at most a few hundred characters) comes out in full.
 const unsigned int cTraceMessageBufferSize = 2048;
 
 inline bool PxTraceEnabled(unsigned int bit)

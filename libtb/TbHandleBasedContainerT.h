@@ -18,7 +18,8 @@ public:
     TbHandleBasedContainerT() {}
     ~TbHandleBasedContainerT() { DeleteAllObjects(); }
 
-    // The new handle, or 0 when the map refuses (no slot space left).
+    // The new handle, or 0 when the map refuses (no slot space left). Out of
+    // memory it throws std::bad_alloc and keeps no handle for obj.
     THandle AddObject(TObj* obj);
     // Forgets obj and releases handle; true when obj was owned. Does not
     // destroy it.
@@ -57,7 +58,16 @@ THandle TbHandleBasedContainerT<TObj, THandle>::AddObject(TObj* obj)
     THandle handle = mHandleMap.AddPointer(obj);
     if (handle == HandleMap::InvalidHandleValue)
         return handle;
-    if (!mObjSet.insert(obj).second) {
+    bool inserted;
+    try {
+        inserted = mObjSet.insert(obj).second;
+    } catch (...) {
+        // Out of memory for the set node: the handle is taken back, so that
+        // the caller may destroy the object without leaving a slot behind.
+        mHandleMap.RemovePointerByHandle(handle);
+        throw;
+    }
+    if (!inserted) {
         // Already owned: the object now simply has one more handle.
         TB_ASSERT(0);
     }

@@ -49,8 +49,10 @@ const char* StatusExplanation(TSTATUS status)
     case TSTATUS_LINUX_EACCES:
     case TSTATUS_LINUX_EPERM:
         return "permission denied; install the udev rule (see the README) or join the group it names";
-    case TSTATUS_LINUX_EBUSY:
     case TSTATUS_IN_USE:
+        /* The library locks the adapter's node while a handle is open. */
+        return "the adapter is in use by another program";
+    case TSTATUS_LINUX_EBUSY:
     case TSTATUS_ALREADY_OPEN:
         return "the adapter is in use";
     case TSTATUS_TIMEOUT:

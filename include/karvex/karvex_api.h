@@ -8,9 +8,9 @@
  *
  * Threading: every function may be called from any thread, including from
  * inside the two callbacks (see KARVEX_RegisterDeviceChangeCallback and
- * KARVEX_RegisterPinEventCallback for which thread runs them). Calls on one
- * adapter are serialised inside the library; calls on different adapters
- * run in parallel.
+ * KARVEX_RegisterPinEventCallback for which thread runs them, and the calls
+ * each refuses with TSTATUS_NOT_ALLOWED there). Calls on one adapter are
+ * serialised inside the library; calls on different adapters run in parallel.
  *
  * Tracing: the library writes a trace to standard output, filtered by the
  * mask set with TPosixSetTraceMask() (KARVEX_TRACE_* bits, default 0x03).
@@ -216,7 +216,9 @@ KARVEX_API unsigned int KARVEX_GetUniCharSize(void);
  * callback is registered a library thread watches udev and calls it with
  * KARVEXEvent_DeviceAttached / KARVEXEvent_DeviceRemoved for supported adapters.
  * The callback runs on that thread without any library lock held, so it may
- * call every exported function except KARVEX_RegisterDeviceChangeCallback.
+ * call every exported function except KARVEX_RegisterDeviceChangeCallback,
+ * which returns TSTATUS_NOT_ALLOWED there; it may close adapters. A pin
+ * callback calling this function gets TSTATUS_NOT_ALLOWED too.
  * A removal is only reported: the application closes its handle. Since 1.0.
  */
 KARVEX_API TSTATUS KARVEX_RegisterDeviceChangeCallback(KARVEXCB_DeviceChangeEvent* callback, void* callbackContext);
@@ -225,14 +227,21 @@ KARVEX_API TSTATUS KARVEX_EnumerateDevices(unsigned int* deviceCount);
 /**
  * Copies the instance id (hidraw device node path) of entry deviceIndex of the
  * last snapshot into instanceIdString (stringBufferSize bytes incl. the NUL).
- * TSTATUS_BUFFER_TOO_SMALL leaves an empty string when the buffer is at least 1 byte. Since 1.0.
+ * A stringBufferSize below 2 fails with TSTATUS_BUFFER_TOO_SMALL before the
+ * buffer is touched; with a larger buffer every failure (TSTATUS_INVALID_INDEX,
+ * TSTATUS_BUFFER_TOO_SMALL) leaves the empty string in it. Since 1.0.
  */
 KARVEX_API TSTATUS KARVEX_GetDeviceInstanceId(unsigned int deviceIndex, T_UNICHAR* instanceIdString,
                                               unsigned int stringBufferSize);
 /**
  * Opens the adapter whose instance id (e.g. "/dev/hidraw3", compared without
- * regard to case) is given; no prior enumeration is needed. *deviceHandle is 0
- * on failure. Blocks for the protocol version exchange (at most 5 s). Since 1.0.
+ * regard to case) is given; no prior enumeration is needed. With a non-null
+ * instanceIdString, *deviceHandle is 0 after every failure (a null
+ * instanceIdString leaves it untouched). An adapter has one user at a time:
+ * while a handle is open the library holds an advisory lock (flock) on its
+ * node, and a second open, in this process or in another, fails with
+ * TSTATUS_IN_USE. Out of memory gives TSTATUS_NO_MEMORY. Blocks for the
+ * protocol version exchange (at most 5 s). Since 1.0.
  */
 KARVEX_API TSTATUS KARVEX_OpenDevice(const T_UNICHAR* instanceIdString, KARVEXDeviceHandle* deviceHandle);
 /** Closes the adapter, stops its threads and releases the handle. Since 1.0. */
@@ -249,15 +258,24 @@ KARVEX_API TSTATUS KARVEX_GetDeviceSerialNumber(KARVEXDeviceHandle deviceHandle,
 KARVEX_API TSTATUS KARVEX_SetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode mode);
 /** Drives an output pin. One round trip, at most 5 s. Since 1.0. */
 KARVEX_API TSTATUS KARVEX_SetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOState state);
-/** Reads a pin's level; *state is GPIOState_Low on any failure. Since 1.0. */
+/**
+ * Reads a pin's level. Once the handle is found, *state is GPIOState_Low on
+ * every failure; an invalid handle leaves it untouched. Since 1.0.
+ */
 KARVEX_API TSTATUS KARVEX_GetPinState(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOState* state);
-/** Reads a pin's mode; *mode is GPIOMode_Input on any failure. Since 1.0. */
+/**
+ * Reads a pin's mode. Once the handle is found, *mode is GPIOMode_Input on
+ * every failure; an invalid handle leaves it untouched. Since 1.0.
+ */
 KARVEX_API TSTATUS KARVEX_GetPinMode(KARVEXDeviceHandle deviceHandle, unsigned int pinId, KARVEX_GPIOMode* mode);
 /**
  * Registers (or, with null, removes) the pin event callback of one adapter.
  * It runs on that adapter's pin event thread, without library locks, and may
- * call exported functions other than this one and KARVEX_CloseDevice for the
- * same adapter. Events not yet delivered are dropped on re-registration. Since 1.0.
+ * call every exported function except KARVEX_CloseDevice,
+ * KARVEX_RegisterPinEventCallback and KARVEX_RegisterDeviceChangeCallback, for
+ * any adapter: each waits for a callback thread that may be waiting for this
+ * one, and returns TSTATUS_NOT_ALLOWED there. Events not yet delivered are
+ * dropped on re-registration. Since 1.0.
  */
 KARVEX_API TSTATUS KARVEX_RegisterPinEventCallback(KARVEXDeviceHandle deviceHandle, KARVEXCB_InputPinEvent* callback,
                                                    void* callbackContext);

@@ -168,6 +168,14 @@ test_missing_adapter_exits_1_with_status_name() {
     errors_contain "karvexctl gpio get: cannot open /dev/hidraw7: TSTATUS_"
 }
 
+test_adapter_in_use_by_another_program() {
+    # flock(1) holds the node's lock, as any program with the adapter open does.
+    emu -- flock -n /dev/hidraw0 "$CTL" gpio get /dev/hidraw0 1
+    status_is 1
+    errors_contain "karvexctl gpio get: cannot open /dev/hidraw0: TSTATUS_IN_USE"
+    errors_contain "the adapter is in use by another program"
+}
+
 test_gpio_set_get_mode() {
     emu -- bash -c '
         c=$1

@@ -1,0 +1,113 @@
+// A process that ends with handles open and both callbacks registered ends
+// cleanly, on whichever thread it ends: exit() in a pin callback, exit() in
+// the device change callback, exit() on the main thread. Each case runs in a
+// child process (this binary again); KARVEX_CHILD_PREFIX may put a checker
+// such as valgrind in front of it.
+#include "support/api_fixture.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+using namespace karvex_test;
+
+namespace {
+
+void NoChange(void*, KARVEXDeviceEvent) {}
+void NoPin(void*, unsigned int, KARVEX_GPIOState) {}
+void ExitOnChange(void*, KARVEXDeviceEvent)
+{
+    std::exit(0);
+}
+void ExitOnPin(void*, unsigned int, KARVEX_GPIOState)
+{
+    std::exit(0);
+}
+
+std::string RunChild(const std::string& exitCase)
+{
+    const char* prefix = std::getenv("KARVEX_CHILD_PREFIX");
+    const std::string cmd = "KARVEX_EXIT_CASE=" + exitCase + " timeout -k 5 " + (prefix != nullptr ? "600 " : "60 ") +
+                            (prefix != nullptr ? std::string(prefix) + " " : std::string()) + "/proc/" +
+                            std::to_string(getpid()) + "/exe --gtest_filter=AppExit.Child 2>&1";
+    FILE* child = popen(cmd.c_str(), "r");
+    if (child == nullptr)
+        return "popen failed";
+    std::string out;
+    char buf[512];
+    while (fgets(buf, sizeof buf, child) != nullptr)
+        out += buf;
+    const int rc = pclose(child);
+    if (rc != 0)
+        out += "\n[child exit status " + std::to_string(rc) + "]";
+    return out;
+}
+
+void ExpectCleanEnd(const std::string& exitCase)
+{
+    const std::string out = RunChild(exitCase);
+    EXPECT_EQ(std::string::npos, out.find("[child exit status")) << out;
+    const std::string line = "KarvexApi::~KarvexApi(): FATAL: The application has leaked device handles\n";
+    const std::size_t at = out.find(line);
+    EXPECT_NE(std::string::npos, at) << out;
+    EXPECT_EQ(std::string::npos, out.find(line, at + 1)) << "reported once\n" << out;
+    EXPECT_EQ(std::string::npos, out.find("reached the end")) << out;
+}
+
+} // namespace
+
+// The child: two adapters open, both callbacks registered, then the case.
+TEST(AppExit, Child)
+{
+    const char* exitCase = std::getenv("KARVEX_EXIT_CASE");
+    if (exitCase == nullptr)
+        GTEST_SKIP() << "runs only as the child of the AppExit tests";
+    const std::string which = exitCase;
+    kemu::EmuTestbed testbed;
+    auto& first = testbed.AddDevice(kemu::AdapterConfig(KARVEX_USB_PRODUCT_ID_1, "KVX000001"));
+    kemu::EmuAdapterFirmware firmware(first);
+    auto& second = testbed.AddDevice(kemu::AdapterConfig(KARVEX_USB_PRODUCT_ID_2, "KVX000002"));
+    kemu::EmuAdapterFirmware secondFirmware(second);
+    KARVEXDeviceHandle h1 = 0;
+    KARVEXDeviceHandle h2 = 0;
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_OpenDevice(first.DevNode().c_str(), &h1));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_OpenDevice(second.DevNode().c_str(), &h2));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinMode(h1, 3, GPIOMode_InputEvent));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h1, which == "pin" ? ExitOnPin : NoPin, nullptr));
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h2, NoPin, nullptr));
+    ASSERT_EQ(TSTATUS_SUCCESS,
+              KARVEX_RegisterDeviceChangeCallback(which == "hotplug" ? ExitOnChange : NoChange, nullptr));
+    fflush(stdout);
+    if (which == "main")
+        std::exit(0);
+    if (which == "pin")
+        firmware.SetInputLevel(3, true);
+    else
+        testbed.AddDevice(kemu::AdapterConfig(KARVEX_USB_PRODUCT_ID_3, "KVX000003"));
+    // The callback ends the process; the parent's time limit ends a hang.
+    for (;;)
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+}
+
+TEST(AppExit, ExitInAPinCallbackEndsCleanly)
+{
+    if (std::getenv("KARVEX_EXIT_CASE") != nullptr)
+        GTEST_SKIP();
+    ExpectCleanEnd("pin");
+}
+
+TEST(AppExit, ExitInTheDeviceChangeCallbackEndsCleanly)
+{
+    if (std::getenv("KARVEX_EXIT_CASE") != nullptr)
+        GTEST_SKIP();
+    ExpectCleanEnd("hotplug");
+}
+
+TEST(AppExit, ExitOnTheMainThreadWithEverythingOpenEndsCleanly)
+{
+    if (std::getenv("KARVEX_EXIT_CASE") != nullptr)
+        GTEST_SKIP();
+    ExpectCleanEnd("main");
+}
