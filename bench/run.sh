@@ -4,6 +4,12 @@
 #   bench/run.sh                 configure and build build/bench (Release), then run
 #   BUILD_DIR=build/h8 bench/run.sh   use (and build) another build directory
 #   NICE=-10 bench/run.sh        run at another priority (root only for negative values)
+#   BASE_BUILD_DIR=/path/to/other/tree/build/bench bench/run.sh
+#                                also run the library's round trips and pin event
+#                                latency of another build (say, of the main branch) right
+#                                after each of this build's runs: "before" and "after"
+#                                tables of one run. That build must already be configured
+#                                with -DKARVEX_BUILD_BENCH=ON; it is brought up to date.
 #
 # Needs umockdev-wrapper, valgrind, libbenchmark-dev and libhidapi-dev. Takes
 # about five minutes; the machine should be as quiet as it can be.
@@ -18,6 +24,10 @@ loops=1000
 cmake -S "$root" -B "$build" -DKARVEX_BUILD_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" --target karvex_bench -j2 >/dev/null
 bench=$build/bench/karvex_bench
+base=${BASE_BUILD_DIR:-}
+if [ -n "$base" ]; then
+  cmake --build "$base" --target karvex_bench -j2 >/dev/null
+fi
 
 # The raw results stay in the build directory: make_results.py can turn them
 # into RESULTS.md again (python3 bench/make_results.py <dir> > bench/RESULTS.md).
@@ -32,6 +42,15 @@ fi
 run() {
   "${prio[@]}" umockdev-wrapper "$bench" "$@"
 }
+# run_base <name> <args>: the library's runs of the baseline build, into base_<name>.json.
+run_base() {
+  local name=$1
+  shift
+  [ -n "$base" ] || return 0
+  echo "   (baseline build)"
+  "${prio[@]}" umockdev-wrapper "$base/bench/karvex_bench" "$@" --benchmark_enable_random_interleaving=true \
+    --benchmark_out="$out/base_$name.json" --benchmark_out_format=json
+}
 
 {
   echo "date: $(date -u '+%Y-%m-%d %H:%M UTC')"
@@ -43,6 +62,9 @@ run() {
   echo "build: $(grep -m1 CMAKE_BUILD_TYPE: "$build/CMakeCache.txt" | cut -d= -f2), $(cd "$root" && git rev-parse --short HEAD 2>/dev/null || echo unknown) plus working tree"
   echo "priority: nice ${NICE:-0}"
   echo "callgrind loops: $loops"
+  if [ -n "$base" ]; then
+    echo "baseline: $(cd "$(grep -m1 CMAKE_HOME_DIRECTORY: "$base/CMakeCache.txt" | cut -d= -f2)" && git rev-parse --short HEAD 2>/dev/null || echo unknown)"
+  fi
 } >"$out/machine.txt"
 
 # Every measurement but the paced pin events is repeated; the repetitions of
@@ -51,6 +73,7 @@ run() {
 echo "== round trips, allocations, pin events (answer in write())"
 run --benchmark_filter='^(RoundTrip|Reference/(Thread|Firmware)|PinEvent)' --benchmark_enable_random_interleaving=true \
   --benchmark_out="$out/main.json" --benchmark_out_format=json
+run_base main --benchmark_filter='^(RoundTrip/.*/library|PinEvent/Latency/library)'
 echo "== one adapter against two (answer in write())"
 run --benchmark_filter='^(Parallel|Reference/CpuSpin)' --benchmark_enable_random_interleaving=true \
   --benchmark_out="$out/parallel.json" --benchmark_out_format=json
@@ -60,6 +83,7 @@ run --answer=thread --benchmark_filter='^(RoundTrip|Parallel)' --benchmark_enabl
 echo "== round trips with a firmware thread answering after 250 us"
 run --answer=thread --latency-us=250 --benchmark_filter='RoundTrip' --benchmark_enable_random_interleaving=true \
   --benchmark_out="$out/thread250.json" --benchmark_out_format=json
+run_base thread250 --answer=thread --latency-us=250 --benchmark_filter='^RoundTrip/.*/library'
 for n in 10 100 1000; do
   echo "== enumeration and open among $n hidraw devices"
   run --mode=enum --devices="$n" --benchmark_out="$out/enum_$n.json" --benchmark_out_format=json

@@ -19,6 +19,12 @@ namespace {
 // unplugged adapter does not spin the CPU until the application closes it.
 constexpr unsigned int cReaderRetryDelayMs = 50;
 
+// How long the reader thread stands aside after the last command started
+// before it takes the node back (at most twice this). Back-to-back commands
+// keep the node on their own thread; a pin event arriving between them is
+// delivered within this time, one arriving while a command waits at once.
+constexpr int cNodeLingerMs = 2;
+
 // The device whose pin event thread this is; set once by the thread itself.
 thread_local KarvexDevice* tPinEventDevice = nullptr;
 
@@ -32,6 +38,9 @@ KarvexDevice::KarvexDevice()
       mReaderThreadIsRunning(false),
       mCloseRequested(false),
       mAbortWaitingCommand(false),
+      mNodeMutex(true),
+      mCommandOwnsNode(false),
+      mCommandsStarted(0),
       mMaxResponseCount(2),
       mMaxEventCount(10),
       mPinEventThreadIsRunning(false),
@@ -240,6 +249,8 @@ TSTATUS KarvexDevice::AllocateResources()
 
 void KarvexDevice::FreeResources()
 {
+    mReaderWakePipe.Close();
+    mCommandWakePipe.Close();
     mResponseQueue.Free();
     mReadReport.FreeBuffer();
     mResponseReport.FreeBuffer();
@@ -347,11 +358,17 @@ TSTATUS KarvexDevice::ExecuteCommand(KarvexReportBuffer& command, KarvexReportBu
     if (PxTraceEnabled(KARVEX_TRACE_PROTODUMP))
         DumpBytesEx(command.Buffer(), command.BufferSize(), 16);
 
-    // Stale answers already queued are not flushed here: the unique ID check
-    // below skips them, and they spend this command's time budget like any
-    // foreign response.
+    // The node is taken before the command goes out, so that the reader
+    // thread cannot read its answer. Stale answers are not flushed: those the
+    // reader thread queued before are taken from the queue first, those still
+    // on the node are read like any other; the unique ID check below skips
+    // them, and they spend this command's time budget like any foreign response.
+    TakeNode();
+    bool onNode = true;      // this thread reads the node
+    bool queueFirst = true;  // answers the reader thread queued before are still to be looked at
     st = mHidDevice.WriteReport(command);
     if (st != TSTATUS_SUCCESS) {
+        mNodeMutex.Unlock();
         PXTRACE_ERROR("%s: WriteReport failed, err = 0x%08X\n", static_cast<unsigned int>(st));
         return st;
     }
@@ -359,31 +376,67 @@ TSTATUS KarvexDevice::ExecuteCommand(KarvexReportBuffer& command, KarvexReportBu
         const long elapsedTime = watch.ElapsedMilliseconds();
         TB_ASSERT(elapsedTime >= 0);
         if (static_cast<unsigned long>(waitTimeout) <= static_cast<unsigned long>(elapsedTime)) {
+            st = TSTATUS_TIMEOUT;
             PXTRACE_ERROR("%s: timeout expires after %u ms\n", waitTimeout);
-            return TSTATUS_TIMEOUT;
+            break;
         }
         const unsigned int remainingTimeout = waitTimeout - static_cast<unsigned int>(elapsedTime);
-        // Close wakes us by setting the queue's event, but a Get that empties
-        // the queue resets it: after a skipped answer, look at the flag before
-        // waiting again, or Close would wait for this command's time-out.
-        if (mReaderThreadIsRunning.load() && !mAbortWaitingCommand.load() &&
-            !mResponseQueue.WaitWithTimeout(remainingTimeout)) {
-            PXTRACE_ERROR("%s: WaitWithTimeout(%u ms) timed out\n", remainingTimeout);
-            return TSTATUS_TIMEOUT;
-        }
-        if (!mReaderThreadIsRunning.load() || mAbortWaitingCommand.load()) {
-            PXTRACE_ERROR("%s: operation aborted\n");
-            return TSTATUS_ABORTED;
-        }
-        if (!mResponseQueue.Get(response.Buffer(), response.BufferSize())) {
-            PXTRACE_WARN("%s: No response available, continue waiting\n");
-            continue;
+        if (onNode) {
+            if (!mReaderThreadIsRunning.load() || mAbortWaitingCommand.load()) {
+                st = TSTATUS_ABORTED;
+                PXTRACE_ERROR("%s: operation aborted\n");
+                break;
+            }
+            if (queueFirst && mResponseQueue.Get(response.Buffer(), response.BufferSize())) {
+                // a queued answer: checked below
+            } else {
+                queueFirst = false;
+                const NodeWait got = ReadNode(response, remainingTimeout);
+                if (got == NodeWait::TimedOut) {
+                    st = TSTATUS_TIMEOUT;
+                    PXTRACE_ERROR("%s: WaitWithTimeout(%u ms) timed out\n", remainingTimeout);
+                    break;
+                }
+                if (got == NodeWait::HandedBack)
+                    onNode = false;
+                if (got != NodeWait::Report)
+                    continue;
+                ProcessReceivedReport(response);
+                if (!IsAnswer(response))
+                    continue;
+            }
+        } else {
+            // The reader thread reads the node and queues the answers.
+            // Close wakes us by setting the queue's event, but a Get that
+            // empties the queue resets it: after a skipped answer, look at the
+            // flag before waiting again, or Close would wait for this
+            // command's time-out.
+            if (mReaderThreadIsRunning.load() && !mAbortWaitingCommand.load() &&
+                !mResponseQueue.WaitWithTimeout(remainingTimeout)) {
+                st = TSTATUS_TIMEOUT;
+                PXTRACE_ERROR("%s: WaitWithTimeout(%u ms) timed out\n", remainingTimeout);
+                break;
+            }
+            if (!mReaderThreadIsRunning.load() || mAbortWaitingCommand.load()) {
+                st = TSTATUS_ABORTED;
+                PXTRACE_ERROR("%s: operation aborted\n");
+                break;
+            }
+            if (!mResponseQueue.Get(response.Buffer(), response.BufferSize())) {
+                PXTRACE_WARN("%s: No response available, continue waiting\n");
+                continue;
+            }
         }
         if (response.UniqueId() == command.UniqueId())
             break;
         PXTRACE_INFO("%s: unique ID mismatch, got %u, exp. %u\n", static_cast<unsigned int>(response.UniqueId()),
                      static_cast<unsigned int>(command.UniqueId()));
     }
+    // The node stays with this thread after the command (see TakeBackNode).
+    if (onNode)
+        mNodeMutex.Unlock();
+    if (st != TSTATUS_SUCCESS)
+        return st;
     PXTRACE(KARVEX_TRACE_PROTOCOL, "%s: Receive response 0x%02X, msg. length %u\n",
             static_cast<unsigned int>(response.MessageCode()), static_cast<unsigned int>(response.MessageLength()));
     if (PxTraceEnabled(KARVEX_TRACE_PROTODUMP))
@@ -411,6 +464,83 @@ TSTATUS KarvexDevice::GetProtocolVersion(T_UINT8& protocolVersionMajor, T_UINT8&
 }
 
 // ---------------------------------------------------------------------------
+// The node between commands and the reader thread
+
+void KarvexDevice::TakeNode()
+{
+    mNodeMutex.Lock();
+    ++mCommandsStarted;
+    if (!mCommandOwnsNode.load()) {
+        mCommandOwnsNode = true;
+        // The reader thread sleeps in poll() on the node; woken, it finds the
+        // node taken and stands aside.
+        mReaderWakePipe.WriteChar('x');
+    }
+}
+
+void KarvexDevice::HandBackNode()
+{
+    mCommandOwnsNode = false;
+    mNodeMutex.Unlock();
+    mReaderWakePipe.WriteChar('x');
+}
+
+KarvexDevice::NodeWait KarvexDevice::ReadNode(KarvexReportBuffer& report, unsigned int timeoutMs)
+{
+    struct pollfd fds[2];
+    fds[0].fd = mCommandWakePipe.GetReadEnd();
+    fds[0].events = POLLIN;
+    fds[0].revents = 0;
+    fds[1].fd = mHidDevice.GetFileDescriptor();
+    fds[1].events = POLLIN | POLLERR;
+    fds[1].revents = 0;
+    // A budget too large for poll's int is waited for in parts.
+    const int rc = poll(fds, 2, timeoutMs > 0x7FFFFFFFU ? 0x7FFFFFFF : static_cast<int>(timeoutMs));
+    if (rc == 0)
+        return NodeWait::TimedOut;
+    if (rc < 0) {
+        if (errno == EINTR)
+            return NodeWait::Nothing; // the caller computes the rest of its budget
+        HandBackNode();
+        return NodeWait::HandedBack;
+    }
+    // Close: the caller finds the reader thread stopped.
+    if (fds[0].revents != 0)
+        return NodeWait::Nothing;
+    // An unplugged adapter, and what the reader thread does about it (its
+    // trace lines, the abort of a command a closing device waits for), are
+    // left to the reader thread, as is any read that fails.
+    if ((fds[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0 || (fds[1].revents & POLLIN) == 0) {
+        HandBackNode();
+        return NodeWait::HandedBack;
+    }
+    if (mHidDevice.ReadReport(report) != TSTATUS_SUCCESS) {
+        HandBackNode();
+        return NodeWait::HandedBack;
+    }
+    return NodeWait::Report;
+}
+
+bool KarvexDevice::IsAnswer(KarvexReportBuffer& report)
+{
+    const unsigned int transferred = report.BytesTransferred();
+    const unsigned int messageBytes = transferred > 0 ? transferred - 1 : 0;
+    return messageBytes >= sizeof(THID_MsgHeader) && messageBytes >= report.MessageLength() &&
+           report.MessageCode() != THID_EVT_PIN_STATE_CHANGED;
+}
+
+void KarvexDevice::TakeBackNode(unsigned int& commandsSeen)
+{
+    // A command waiting on the node holds the mutex: not now.
+    if (!mNodeMutex.TryLock())
+        return;
+    if (mCommandsStarted == commandsSeen)
+        mCommandOwnsNode = false;
+    commandsSeen = mCommandsStarted;
+    mNodeMutex.Unlock();
+}
+
+// ---------------------------------------------------------------------------
 // Reader thread
 
 TSTATUS KarvexDevice::StartReaderThread()
@@ -420,6 +550,18 @@ TSTATUS KarvexDevice::StartReaderThread()
         PXTRACE_ERROR("%s: mReaderThreadTerminatePipe.Create failed (%d)\n", -rc);
         return TStatusFromErrno(-rc);
     }
+    mReaderWakePipe.Close();
+    mCommandWakePipe.Close();
+    rc = mReaderWakePipe.Create(true);
+    if (rc == 0)
+        rc = mCommandWakePipe.Create(true);
+    if (rc < 0) {
+        PXTRACE_ERROR("%s: wake pipe Create failed (%d)\n", -rc);
+        mReaderThreadTerminatePipe.Close();
+        return TStatusFromErrno(-rc);
+    }
+    // A fresh reader thread reads the node until a command takes it.
+    mCommandOwnsNode = false;
     // Set before the thread exists: it reads the flag in its loop.
     mReaderThreadIsRunning = true;
     rc = mReaderThread.Create(&mReaderThreadForwarder, nullptr);
@@ -437,6 +579,8 @@ void KarvexDevice::StopReaderThread()
     if (!mReaderThreadIsRunning.load())
         return;
     mReaderThreadIsRunning = false;
+    // A command waiting on the node wakes and sees the flag.
+    mCommandWakePipe.WriteChar('x');
     mReaderThreadTerminatePipe.WriteChar('x');
     mReaderThread.Join(nullptr, -1);
     mReaderThreadTerminatePipe.Close();
@@ -444,15 +588,22 @@ void KarvexDevice::StopReaderThread()
 
 void* KarvexDevice::ReadThreadRoutine()
 {
+    unsigned int commandsSeen = 0;
     for (;;) {
-        struct pollfd fds[2];
+        // While a command has the node, stand aside and look again every
+        // cNodeLingerMs (a negative descriptor is skipped by poll).
+        const bool ownsNode = !mCommandOwnsNode.load();
+        struct pollfd fds[3];
         fds[0].fd = mReaderThreadTerminatePipe.GetReadEnd();
         fds[0].events = POLLIN | POLLERR;
         fds[0].revents = 0;
-        fds[1].fd = mHidDevice.GetFileDescriptor();
+        fds[1].fd = ownsNode ? mHidDevice.GetFileDescriptor() : -1;
         fds[1].events = POLLIN | POLLERR;
         fds[1].revents = 0;
-        const int rc = poll(fds, 2, -1);
+        fds[2].fd = mReaderWakePipe.GetReadEnd();
+        fds[2].events = POLLIN;
+        fds[2].revents = 0;
+        const int rc = poll(fds, 3, ownsNode ? -1 : cNodeLingerMs);
         if (rc < 0) {
             // An interrupted wait simply resumes; only a real failure is
             // traced and slowed down.
@@ -470,6 +621,16 @@ void* KarvexDevice::ReadThreadRoutine()
             PxSleep(cReaderRetryDelayMs);
             continue;
         }
+        if (fds[2].revents != 0) {
+            // A command took the node or gave it back: look again.
+            mReaderWakePipe.ReadDummy();
+            continue;
+        }
+        if (!ownsNode) {
+            if (rc == 0)
+                TakeBackNode(commandsSeen);
+            continue;
+        }
         // POLLHUP and POLLNVAL are reported whether asked for or not; treated
         // like POLLERR they keep an unplugged device from spinning this loop.
         if (fds[1].revents & (POLLERR | POLLHUP | POLLNVAL)) {
@@ -482,13 +643,22 @@ void* KarvexDevice::ReadThreadRoutine()
             continue;
         }
         if (fds[1].revents & POLLIN) {
+            mNodeMutex.Lock();
+            // A command may have taken the node since poll() returned; the
+            // report is then its to read.
+            if (mCommandOwnsNode.load()) {
+                mNodeMutex.Unlock();
+                continue;
+            }
             const TSTATUS st = mHidDevice.ReadReport(mReadReport);
             if (st != TSTATUS_SUCCESS) {
+                mNodeMutex.Unlock();
                 PXTRACE_ERROR("%s: ReadReport failed, err = 0x%08X\n", static_cast<unsigned int>(st));
                 PxSleep(cReaderRetryDelayMs);
                 continue;
             }
             ProcessReceivedReport(mReadReport);
+            mNodeMutex.Unlock();
         }
     }
     mReaderThreadTerminatePipe.ReadDummy();
@@ -513,8 +683,10 @@ void KarvexDevice::ProcessReceivedReport(KarvexReportBuffer& report)
     if (report.MessageCode() != THID_EVT_PIN_STATE_CHANGED) {
         PXTRACE_INFO("%s: Response received\n");
         // A full queue loses this answer: the waiting command times out, or a
-        // later stale answer is skipped by its unique ID.
-        mResponseQueue.Put(report.Buffer(), report.BufferSize());
+        // later stale answer is skipped by its unique ID. An answer a command
+        // read itself stays in its buffer.
+        if (&report == &mReadReport)
+            mResponseQueue.Put(report.Buffer(), report.BufferSize());
         return;
     }
     PXTRACE_INFO("%s: Pin event received\n");

@@ -3,7 +3,13 @@
 // and the pin event thread that calls the application's pin callback.
 //
 // Locking: mMutex guards open, close and the queries; the API object holds it
-// around every pin and I2C call. The reader thread never takes it. Close and
+// around every pin and I2C call. The reader thread never takes it.
+//
+// Who reads the node: the reader thread, except while commands run. A
+// command takes the node over (mCommandOwnsNode) and reads its answer on its
+// own thread, sorting any pin event it meets into the event queue, so an
+// answer costs no thread hand-off. The reader thread stands aside until no
+// command has started for cNodeLingerMs, then takes the node back. Close and
 // RegisterPinEventCallback stop the pin event thread before taking it, so a
 // pin callback may call into the library while they wait for it.
 #pragma once
@@ -100,12 +106,30 @@ private:
                      unsigned int statusTraceMask);
     bool PinIdEchoed(const char* signature, unsigned int pinId);
     TSTATUS ExecuteCommand(KarvexReportBuffer& command, KarvexReportBuffer& response, unsigned int waitTimeout);
+    // What one look at the node gave a waiting command.
+    enum class NodeWait { Report, Nothing, TimedOut, HandedBack };
+    // Takes the node from the reader thread (mNodeMutex stays held).
+    void TakeNode();
+    // Returns the node to the reader thread and releases mNodeMutex.
+    void HandBackNode();
+    // Waits up to timeoutMs for the node (or Close) and reads one report into
+    // report. Anything the reader thread handles better (an error of the
+    // node, a failed read) hands the node back.
+    NodeWait ReadNode(KarvexReportBuffer& report, unsigned int timeoutMs);
+    // A report that passes the checks of ProcessReceivedReport and is no pin event.
+    static bool IsAnswer(KarvexReportBuffer& report);
     TSTATUS GetProtocolVersion(T_UINT8& protocolVersionMajor, T_UINT8& protocolVersionMinor);
 
     TSTATUS StartReaderThread();
     void StopReaderThread();
+    // Sorts one report read from the node. Answers read by the reader thread
+    // (into mReadReport) go to the response queue; an answer read by a
+    // command into its response buffer stays there for that command.
     void ProcessReceivedReport(KarvexReportBuffer& report);
     void* ReadThreadRoutine();
+    // The reader thread takes the node back when no command has started
+    // since commandsSeen and none is waiting.
+    void TakeBackNode(unsigned int& commandsSeen);
 
     TSTATUS StartPinEventThread();
     void StopPinEventThread();
@@ -132,6 +156,18 @@ private:
     std::atomic<bool> mCloseRequested;
     std::atomic<bool> mAbortWaitingCommand;
     KarvexReportBuffer mReadReport;
+    // Node ownership (see the top of this file). mCommandOwnsNode and
+    // mCommandsStarted change only under mNodeMutex, which a command holds for
+    // its whole wait and the reader thread for each report it reads.
+    PxMutex mNodeMutex;
+    std::atomic<bool> mCommandOwnsNode;
+    unsigned int mCommandsStarted;
+    // A command tells the reader thread to leave (or look again at) the node.
+    PxPipe mReaderWakePipe;
+    // Close tells a command waiting on the node to give up. Both pipes live
+    // from StartReaderThread to FreeResources (under mMutex), so a command,
+    // which holds mMutex, never sees them closed.
+    PxPipe mCommandWakePipe;
     unsigned int mMaxResponseCount;
     unsigned int mMaxEventCount;
     KarvexStaticQueue mResponseQueue;

@@ -61,20 +61,34 @@ bool KarvexStaticQueue::Store(const void* data, unsigned int dataLength, bool ov
     if (data != nullptr && n > 0)
         memcpy(slot, data, n);
     mCircBuffer.IncWritePointer();
-    mEvent.Set();
+    // The flag is set under the queue's lock; the consumer is woken by the
+    // caller once that lock is released (see Put).
+    mEvent.MarkSet();
     return !dropped;
 }
 
 bool KarvexStaticQueue::Put(const void* data, unsigned int dataLength)
 {
-    PxMutexLock lock(mMutex);
-    return Store(data, dataLength, false);
+    return StoreAndWake(data, dataLength, false);
 }
 
 bool KarvexStaticQueue::PutForceOverwrite(const void* data, unsigned int dataLength)
 {
-    PxMutexLock lock(mMutex);
-    return Store(data, dataLength, true);
+    return StoreAndWake(data, dataLength, true);
+}
+
+bool KarvexStaticQueue::StoreAndWake(const void* data, unsigned int dataLength, bool overwrite)
+{
+    bool result;
+    {
+        PxMutexLock lock(mMutex);
+        result = Store(data, dataLength, overwrite);
+    }
+    // Woken with no lock of the queue held, the consumer's Get does not block
+    // on the producer that has just woken it. A wake-up after a failed store
+    // is harmless: consumers test the flag and the queue after every wake-up.
+    mEvent.Wake();
+    return result;
 }
 
 bool KarvexStaticQueue::Get(void* dataBuffer, unsigned int dataBufferLength)

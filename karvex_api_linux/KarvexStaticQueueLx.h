@@ -48,6 +48,7 @@ public:
 
 private:
     bool Store(const void* data, unsigned int dataLength, bool overwrite);
+    bool StoreAndWake(const void* data, unsigned int dataLength, bool overwrite);
 
     PxMutex mMutex;
     PxManualResetEvent mEvent;

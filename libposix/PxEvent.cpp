@@ -9,8 +9,21 @@ PxEvent::PxEvent(bool autoReset)
 
 void PxEvent::Set()
 {
+    MarkSet();
+    Wake();
+}
+
+void PxEvent::MarkSet()
+{
     PxMutexLock lock(mMutex);
     mTriggered = true;
+}
+
+void PxEvent::Wake()
+{
+    // Signalling without the lock is safe: a waiter tests the flag under the
+    // lock before it sleeps, and the flag was set under it. The event object
+    // outlives every Set (all events are members of long-lived objects).
     mCondition.Signal();
 }
 

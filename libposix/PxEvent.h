@@ -10,7 +10,13 @@ class PxEvent {
 public:
     explicit PxEvent(bool autoReset);
 
+    // Sets the flag and wakes one waiter; the waiter is woken after the
+    // event's lock is released, so it does not wake only to block on it.
     void Set();
+    // The two halves of Set, for a caller that sets the flag under a lock of
+    // its own and wakes the waiter once that lock is released too.
+    void MarkSet();
+    void Wake();
     void Reset();
     bool IsSet();
     void Wait();
