@@ -19,7 +19,7 @@ using namespace karvex_test;
 
 namespace {
 
-struct Gate {
+struct ArrivalGate {
     EventLog<KARVEXDeviceEvent> log;
     std::mutex mutex;
     std::condition_variable cond;
@@ -47,7 +47,7 @@ struct Gate {
 
 void OnDeviceChange(void* context, KARVEXDeviceEvent event)
 {
-    auto* gate = static_cast<Gate*>(context);
+    auto* gate = static_cast<ArrivalGate*>(context);
     gate->log.Add(event);
     std::unique_lock<std::mutex> lock(gate->mutex);
     if (event == KARVEXEvent_DeviceAttached && gate->holdNextArrival) {
@@ -76,7 +76,7 @@ protected:
     // be the next event after them.
     void ExpectEachRemovalOnce(const std::function<void()>& unplugAll, std::size_t leaving)
     {
-        Gate gate;
+        ArrivalGate gate;
         ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(OnDeviceChange, &gate));
         gate.Arm();
         mTestbed->AddDevice(kemu::AdapterConfig(KARVEX_USB_PRODUCT_ID_2, "KVXHOLD01"));
