@@ -21,19 +21,6 @@ using namespace karvex_test;
 
 namespace {
 
-std::set<pid_t> Tasks()
-{
-    std::set<pid_t> tasks;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] != '.')
-                tasks.insert(static_cast<pid_t>(std::atoi(entry->d_name)));
-        }
-        closedir(dir);
-    }
-    return tasks;
-}
-
 // The one task in after that is not in before (0 when not exactly one).
 pid_t NewTask(const std::set<pid_t>& before, const std::set<pid_t>& after)
 {
@@ -136,14 +123,14 @@ TEST_F(AppSignals, LibraryThreadsBlockAsynchronousSignalsAndTheCallerKeepsItsMas
     const pid_t self = static_cast<pid_t>(syscall(SYS_gettid));
     const unsigned long long callerMask = BlockedSignals(self);
 
-    const auto t0 = Tasks();
+    const auto t0 = ktest::Tasks();
     const KARVEXDeviceHandle h = Open(adapter);
     ASSERT_NE(0u, h);
-    const auto t1 = Tasks();
+    const auto t1 = ktest::Tasks();
     ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(OnDeviceChange, &log));
-    const auto t2 = Tasks();
+    const auto t2 = ktest::Tasks();
     ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, OnPin, nullptr));
-    const auto t3 = Tasks();
+    const auto t3 = ktest::Tasks();
 
     const std::pair<const char*, pid_t> threads[] = {
         {"reader", NewTask(t0, t1)}, {"hot-plug", NewTask(t1, t2)}, {"pin event", NewTask(t2, t3)}};
@@ -169,12 +156,12 @@ TEST_F(AppSignals, SignalsAimedAtLibraryThreadsChangeNothing)
 {
     EmulatedAdapter& adapter = AddAdapter();
     EventLog<KARVEXDeviceEvent> log;
-    const auto t0 = Tasks();
+    const auto t0 = ktest::Tasks();
     const KARVEXDeviceHandle h = Open(adapter);
     ASSERT_NE(0u, h);
-    const auto t1 = Tasks();
+    const auto t1 = ktest::Tasks();
     ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(OnDeviceChange, &log));
-    const auto t2 = Tasks();
+    const auto t2 = ktest::Tasks();
     const pid_t reader = NewTask(t0, t1);
     const pid_t hotplug = NewTask(t1, t2);
     ASSERT_NE(0, reader);

@@ -24,19 +24,6 @@ using namespace karvex_test;
 
 namespace {
 
-std::set<pid_t> Tasks()
-{
-    std::set<pid_t> tasks;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] != '.')
-                tasks.insert(static_cast<pid_t>(std::atoi(entry->d_name)));
-        }
-        closedir(dir);
-    }
-    return tasks;
-}
-
 pid_t Gettid()
 {
     return static_cast<pid_t>(syscall(SYS_gettid));
@@ -107,14 +94,14 @@ TEST_F(SignalStorm, EverythingWorksWhileSignalsRain)
     EmulatedAdapter& adapter = AddAdapter();
     PinLog pins;
     EventLog<KARVEXDeviceEvent> hotplug;
-    const auto before = Tasks();
+    const auto before = ktest::Tasks();
     const KARVEXDeviceHandle h = Open(adapter);
     ASSERT_NE(0u, h);
     ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_SetPinMode(h, 3, GPIOMode_InputEvent));
     ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, OnPin, &pins));
     ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterDeviceChangeCallback(OnDeviceChange, &hotplug));
     std::vector<pid_t> library;
-    for (pid_t t : Tasks())
+    for (pid_t t : ktest::Tasks())
         if (before.count(t) == 0)
             library.push_back(t);
     ASSERT_EQ(3u, library.size()) << "expected the reader, pin event and hot-plug threads";

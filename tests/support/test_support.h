@@ -4,16 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstdio>
 #include <functional>
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -162,6 +165,20 @@ private:
     std::condition_variable mCond;
     std::vector<T> mItems;
 };
+
+// The ids of this process's threads, from /proc/self/task.
+inline std::set<pid_t> Tasks()
+{
+    std::set<pid_t> tasks;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] != '.')
+                tasks.insert(static_cast<pid_t>(std::atoi(entry->d_name)));
+        }
+        closedir(dir);
+    }
+    return tasks;
+}
 
 // A gate a callback can be parked at until the test opens it.
 class Gate {
