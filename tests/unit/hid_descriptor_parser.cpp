@@ -102,35 +102,30 @@ TEST_F(ParserTest, EmptyDescriptorParsesWithNoReports)
     EXPECT_EQ(0u, nullParser.MaxInputReportByteLength());
 }
 
-TEST_F(ParserTest, UnnumberedInputOf64Bytes)
+TEST_F(ParserTest, ByteLengthsAndNumbering)
 {
-    Descriptor d(InputBits(8, 64));
-    ASSERT_TRUE(d->Parse());
-    EXPECT_EQ(64u, d->MaxInputReportByteLength());
-    EXPECT_EQ(0u, d->MaxOutputReportByteLength());
-    EXPECT_FALSE(d->IsNumberedInputReport());
-    HidReport* r = d->LookupHidReport(HidReportType_Input, 0);
-    ASSERT_NE(nullptr, r);
-    EXPECT_EQ(512u, r->mSize);
-    EXPECT_EQ(0u, r->mId);
-}
-
-TEST_F(ParserTest, NumberedInputDoesNotCountTheIdByte)
-{
-    Descriptor d(Cat({ReportId(1), InputBits(8, 63)}));
-    ASSERT_TRUE(d->Parse());
-    EXPECT_EQ(63u, d->MaxInputReportByteLength());
-    EXPECT_TRUE(d->IsNumberedInputReport());
-    EXPECT_EQ(nullptr, d->LookupHidReport(HidReportType_Input, 0));
-}
-
-TEST_F(ParserTest, BitLengthsRoundUpToWholeBytes)
-{
-    Descriptor d(Cat({InputBits(12, 3), ReportSize(1), ReportCount(9), Output()}));
+    struct {
+        Bytes bytes;
+        unsigned in, out;
+        bool numbered;
+    } const cases[] = {
+        {InputBits(8, 64), 64, 0, false},
+        {Cat({ReportId(1), InputBits(8, 63)}), 63, 0, true}, // the ID byte is not counted
+        {Cat({InputBits(12, 3), ReportSize(1), ReportCount(9), Output()}), 5, 2, false}, // bits round up
+        {Cat({InputBits(8, 4), ReportId(7), ReportSize(8), ReportCount(4), Output()}), 4, 4, false}, // numbered output only
+    };
+    for (const auto& c : cases) {
+        Descriptor d(c.bytes);
+        ASSERT_TRUE(d->Parse());
+        EXPECT_EQ(c.in, d->MaxInputReportByteLength()) << c.in;
+        EXPECT_EQ(c.out, d->MaxOutputReportByteLength()) << c.in;
+        EXPECT_EQ(c.numbered, d->IsNumberedInputReport()) << c.in;
+        EXPECT_EQ(c.numbered, d->LookupHidReport(HidReportType_Input, 0) == nullptr) << c.in;
+    }
+    Descriptor d(InputBits(12, 3));
     ASSERT_TRUE(d->Parse());
     EXPECT_EQ(36u, d->GetMaxReportSize(HidReportType_Input));
-    EXPECT_EQ(5u, d->MaxInputReportByteLength());
-    EXPECT_EQ(2u, d->MaxOutputReportByteLength());
+    EXPECT_EQ(36u, d->LookupHidReport(HidReportType_Input, 0)->mSize);
 }
 
 TEST_F(ParserTest, ReportsAreKeptPerTypeAndId)
@@ -154,15 +149,6 @@ TEST_F(ParserTest, ReportsAreKeptPerTypeAndId)
     EXPECT_EQ(20u, d->MaxOutputReportByteLength());
     EXPECT_EQ(nullptr, d->LookupHidReport(HidReportType_Output, 1));
     EXPECT_TRUE(d->IsNumberedInputReport());
-}
-
-TEST_F(ParserTest, OnlyANonZeroInputIdMakesInputNumbered)
-{
-    // Output is numbered, input is not.
-    Descriptor d(Cat({InputBits(8, 4), ReportId(7), ReportSize(8), ReportCount(4), Output()}));
-    ASSERT_TRUE(d->Parse());
-    EXPECT_FALSE(d->IsNumberedInputReport());
-    EXPECT_EQ(4u, d->MaxOutputReportByteLength());
 }
 
 TEST_F(ParserTest, ReportIdZeroIsRejectedInEveryWidth)

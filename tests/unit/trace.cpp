@@ -109,41 +109,35 @@ TEST_F(TraceTest, LinePrefixFormat)
     EXPECT_EQ(std::string(self), m[3].str());
 }
 
-TEST_F(TraceTest, DumpOfSeventeenBytesSixteenPerLine)
+TEST_F(TraceTest, DumpLayouts)
 {
-    const char* data = "ABCDEFGHIJKLMNOPQ";
-    std::string expected = "0000: 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 ABCDEFGHIJKLMNOP\n"
-                           "0010: 51 " + std::string(15 * 3, ' ') + "Q" + std::string(15, ' ') + "\n";
-    EXPECT_EQ(expected, CaptureTrace([&] { DumpBytesEx(data, 17, 16); }));
-}
-
-TEST_F(TraceTest, DumpOfThreeBytesFourPerLine)
-{
-    const unsigned char data[] = {0x41, 0x00, 0x7A};
-    EXPECT_EQ("0000: 41 00 7A    A.z \n", CaptureTrace([&] { DumpBytesEx(data, 3, 4); }));
-}
-
-TEST_F(TraceTest, DumpCharacterClasses)
-{
-    // 0x20..0x7F are shown as themselves (DEL included), the rest as '.'.
-    const unsigned char data[] = {0x1F, 0x20, 0x7E, 0x7F, 0x80, 0xFF, 0x09, 0x30};
-    EXPECT_EQ("0000: 1F 20 7E 7F 80 FF 09 30 . ~\x7F...0\n", CaptureTrace([&] { DumpBytesEx(data, 8, 8); }));
-}
-
-TEST_F(TraceTest, DumpEdgeCases)
-{
-    const unsigned char data[] = {0x41, 0x42};
-    EXPECT_EQ("<<NULL ptr>>\n", CaptureTrace([] { DumpBytesEx(nullptr, 5, 16); }));
-    EXPECT_EQ("<<NULL ptr>>\n", CaptureTrace([] { DumpBytesEx(nullptr, 0, 16); }));
-    EXPECT_EQ("<<zero length>>\n", CaptureTrace([&] { DumpBytesEx(data, 0, 16); }));
-    // Zero bytes per line is taken as one.
-    EXPECT_EQ("0000: 41 A\n0001: 42 B\n", CaptureTrace([&] { DumpBytesEx(data, 2, 0); }));
-    // Exactly one full line: no empty second line.
-    EXPECT_EQ("0000: 41 42 AB\n", CaptureTrace([&] { DumpBytesEx(data, 2, 2); }));
-    // A pending partial line is completed by the dump's first line.
-    EXPECT_EQ("rx: 0000: 41 42 AB\n", CaptureTrace([&] {
+    struct {
+        const char* data;
+        unsigned int length, perLine;
+        std::string expected;
+    } const cases[] = {
+        {"ABCDEFGHIJKLMNOPQ", 17, 16,
+         "0000: 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 ABCDEFGHIJKLMNOP\n"
+         "0010: 51 " + std::string(15 * 3, ' ') + "Q" + std::string(15, ' ') + "\n"},
+        {"A\0z", 3, 4, "0000: 41 00 7A    A.z \n"},
+        // 0x20..0x7F are shown as themselves (DEL included), the rest as '.'.
+        {"\x1F\x20\x7E\x7F\x80\xFF\x09\x30", 8, 8, "0000: 1F 20 7E 7F 80 FF 09 30 . ~\x7F...0\n"},
+        {nullptr, 5, 16, "<<NULL ptr>>\n"},
+        {nullptr, 0, 16, "<<NULL ptr>>\n"},
+        {"AB", 0, 16, "<<zero length>>\n"},
+        {"AB", 2, 0, "0000: 41 A\n0001: 42 B\n"}, // zero bytes per line is taken as one
+        {"AB", 2, 2, "0000: 41 42 AB\n"},          // exactly one full line: no empty second one
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.expected, CaptureTrace([&] { DumpBytesEx(c.data, c.length, c.perLine); })) << c.expected;
+    // A pending partial line is completed by the dump's first line, also with
+    // the trace mutex already held by the caller.
+    EXPECT_EQ("rx: 0000: 41 42 AB\nheld\n0000: 31 1\n", CaptureTrace([&] {
                   tprint("rx: ");
-                  DumpBytesEx(data, 2, 2);
+                  DumpBytesEx("AB", 2, 2);
+                  PxMutexLock lock(gTraceMutex);
+                  tprint("held\n");
+                  DumpBytesEx("1", 1, 1);
               }));
 }
 
@@ -177,17 +171,6 @@ TEST_F(TraceTest, DumpWithVeryLongLines)
     ASSERT_EQ(6u + 3000u + 1000u + 1u, out.size());
     EXPECT_EQ("0000: 61 62 63 ", out.substr(0, 15));
     EXPECT_EQ(std::string(data.begin(), data.end()) + "\n", out.substr(3006));
-}
-
-TEST_F(TraceTest, DumpAndPrintNestInsideTheTraceMutex)
-{
-    const unsigned char data[] = {0x31};
-    std::string out = CaptureTrace([&] {
-        PxMutexLock lock(gTraceMutex);
-        tprint("held\n");
-        DumpBytesEx(data, 1, 1);
-    });
-    EXPECT_EQ("held\n0000: 31 1\n", out);
 }
 
 namespace {
