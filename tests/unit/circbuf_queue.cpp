@@ -212,19 +212,35 @@ TEST_F(QueueTest, UnallocatedQueueRefusesAndAsserts)
         << out;
 }
 
-TEST_F(QueueTest, SecondAllocateDiscardsMessages)
+TEST_F(QueueTest, ClearSecondAllocateAndFreeDiscardMessages)
 {
     KarvexStaticQueue q;
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 3));
-    EXPECT_TRUE(q.Put("aaaa", 4));
-    EXPECT_TRUE(q.Put("bbbb", 4));
+    ASSERT_TRUE(q.Put("aaaa", 4));
+    ASSERT_TRUE(q.Put("bbbb", 4));
+    q.Clear();
+    EXPECT_TRUE(q.IsEmpty());
+    EXPECT_FALSE(q.Event().IsSet());
+    EXPECT_EQ(3u, q.SlotsFree());
+    EXPECT_TRUE(q.Put("cccc", 4));
+    EXPECT_EQ("cccc", GetString(q, 4));
+
+    EXPECT_TRUE(q.Put("dddd", 4));
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(8, 5));
     EXPECT_TRUE(q.IsEmpty());
     EXPECT_EQ(5u, q.SlotsFree());
     EXPECT_EQ(8u, q.SlotSize());
     EXPECT_EQ("<empty>", GetString(q, 8));
-    EXPECT_TRUE(q.Put("cccccccc", 8));
-    EXPECT_EQ("cccccccc", GetString(q, 8));
+    EXPECT_TRUE(q.Put("eeeeeeee", 8));
+    EXPECT_EQ("eeeeeeee", GetString(q, 8));
+
+    ASSERT_TRUE(q.Put("ffffffff", 8));
+    q.Free();
+    q.Free();
+    EXPECT_FALSE(q.IsValid());
+    EXPECT_TRUE(q.IsEmpty());
+    EXPECT_EQ(0u, q.SlotCount());
+    EXPECT_EQ(0u, q.SlotSize());
 }
 
 TEST_F(QueueTest, AllocationFailureLeavesTheQueueDetached)
@@ -283,33 +299,6 @@ TEST_F(QueueTest, NullDataAsserts)
     EXPECT_TRUE(AreAssertions(out, kQueueFile, {"NULL != data"})) << out;
     out = CaptureTrace([&] { q.Get(nullptr, 0); });
     EXPECT_TRUE(AreAssertions(out, kQueueFile, {"NULL != dataBuffer"})) << out;
-}
-
-TEST_F(QueueTest, ClearEmptiesAndResetsTheEvent)
-{
-    KarvexStaticQueue q;
-    ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 3));
-    ASSERT_TRUE(q.Put("aaaa", 4));
-    ASSERT_TRUE(q.Put("bbbb", 4));
-    q.Clear();
-    EXPECT_TRUE(q.IsEmpty());
-    EXPECT_FALSE(q.Event().IsSet());
-    EXPECT_EQ(3u, q.SlotsFree());
-    EXPECT_TRUE(q.Put("cccc", 4));
-    EXPECT_EQ("cccc", GetString(q, 4));
-}
-
-TEST_F(QueueTest, FreeIsRepeatable)
-{
-    KarvexStaticQueue q;
-    ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 3));
-    ASSERT_TRUE(q.Put("aaaa", 4));
-    q.Free();
-    q.Free();
-    EXPECT_FALSE(q.IsValid());
-    EXPECT_TRUE(q.IsEmpty());
-    EXPECT_EQ(0u, q.SlotCount());
-    EXPECT_EQ(0u, q.SlotSize());
 }
 
 TEST_F(QueueTest, FifoOrderAcrossManyWraps)
