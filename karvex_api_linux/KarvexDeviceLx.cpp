@@ -589,10 +589,26 @@ void KarvexDevice::StopReaderThread()
 void* KarvexDevice::ReadThreadRoutine()
 {
     unsigned int commandsSeen = 0;
+    // When the reader last looked whether commands still come. Measured, not
+    // left to poll's time-out: a stream of signals or wake-ups would restart
+    // that time-out for ever and keep the node (and its events) unread.
+    LxStopwatch sinceCheck;
+    sinceCheck.Start();
     for (;;) {
         // While a command has the node, stand aside and look again every
         // cNodeLingerMs (a negative descriptor is skipped by poll).
         const bool ownsNode = !mCommandOwnsNode.load();
+        int lingerLeftMs = cNodeLingerMs;
+        if (!ownsNode) {
+            const long waited = sinceCheck.ElapsedMilliseconds();
+            if (waited < 0 || waited >= cNodeLingerMs) {
+                TakeBackNode(commandsSeen);
+                sinceCheck.Stop();
+                sinceCheck.Start();
+                continue;
+            }
+            lingerLeftMs = cNodeLingerMs - static_cast<int>(waited);
+        }
         struct pollfd fds[3];
         fds[0].fd = mReaderThreadTerminatePipe.GetReadEnd();
         fds[0].events = POLLIN | POLLERR;
@@ -603,7 +619,7 @@ void* KarvexDevice::ReadThreadRoutine()
         fds[2].fd = mReaderWakePipe.GetReadEnd();
         fds[2].events = POLLIN;
         fds[2].revents = 0;
-        const int rc = poll(fds, 3, ownsNode ? -1 : cNodeLingerMs);
+        const int rc = poll(fds, 3, ownsNode ? -1 : lingerLeftMs);
         if (rc < 0) {
             // An interrupted wait simply resumes; only a real failure is
             // traced and slowed down.
@@ -626,11 +642,8 @@ void* KarvexDevice::ReadThreadRoutine()
             mReaderWakePipe.ReadDummy();
             continue;
         }
-        if (!ownsNode) {
-            if (rc == 0)
-                TakeBackNode(commandsSeen);
-            continue;
-        }
+        if (!ownsNode)
+            continue; // the check at the top of the loop takes the node back
         // POLLHUP and POLLNVAL are reported whether asked for or not; treated
         // like POLLERR they keep an unplugged device from spinning this loop.
         if (fds[1].revents & (POLLERR | POLLHUP | POLLNVAL)) {

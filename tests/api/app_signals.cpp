@@ -78,17 +78,6 @@ int Tgkill(pid_t tid, int sig)
     return static_cast<int>(syscall(SYS_tgkill, getpid(), tid, sig));
 }
 
-bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10))
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 } // namespace
 
 class AppSignals : public ApiTest {
@@ -141,7 +130,7 @@ TEST_F(AppSignals, LibraryThreadsBlockAsynchronousSignalsAndTheCallerKeepsItsMas
         ASSERT_NE(0, tid) << "could not tell the " << name << " thread";
         // glibc starts a thread with everything blocked and installs its own
         // mask a moment later: wait for that.
-        EXPECT_TRUE(WaitFor([&] { return !Blocks(BlockedSignals(tid), SIGSEGV); }))
+        EXPECT_TRUE(ktest::WaitUntil([&] { return !Blocks(BlockedSignals(tid), SIGSEGV); }))
             << name << " thread blocks SIGSEGV";
         const unsigned long long mask = BlockedSignals(tid);
         for (int sig : asynchronous)
@@ -176,7 +165,7 @@ TEST_F(AppSignals, SignalsAimedAtLibraryThreadsChangeNothing)
             ASSERT_EQ(0, Tgkill(tid, SIGUSR1)) << "thread " << tid << " is gone";
             const unsigned before = gSysTaken.load();
             ASSERT_EQ(0, Tgkill(tid, SIGSYS)) << "thread " << tid << " is gone";
-            ASSERT_TRUE(WaitFor([&] { return gSysTaken.load() > before; })) << "SIGSYS not taken by " << tid;
+            ASSERT_TRUE(ktest::WaitUntil([&] { return gSysTaken.load() > before; })) << "SIGSYS not taken by " << tid;
         }
     }
     EXPECT_EQ(0u, gUsr1Taken.load()) << "a library thread took the application's SIGUSR1";

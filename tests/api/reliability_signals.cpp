@@ -59,17 +59,6 @@ void OnDeviceChange(void* context, KARVEXDeviceEvent event)
     static_cast<EventLog<KARVEXDeviceEvent>*>(context)->Add(event);
 }
 
-bool WaitFor(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(20))
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 } // namespace
 
 class SignalStorm : public ApiTest {};
@@ -155,7 +144,7 @@ TEST_F(SignalStorm, EverythingWorksWhileSignalsRain)
     std::thread pinDriver([&] {
         for (unsigned i = 0; i < kPinEvents; ++i) {
             adapter.firmware->SetInputLevel(3, (i & 1) == 0);
-            if (!WaitFor([&] { return pins.events.load() > i; }))
+            if (!ktest::WaitUntil([&] { return pins.events.load() > i; }))
                 return;
         }
     });
