@@ -467,63 +467,61 @@ TEST_F(HidrawTest, ListEqualityAndReEnumerationAfterUnplug)
 TEST_F(HidrawTest, OpenLearnsLengthsIdentityAndSerial)
 {
     kemu::EmuHidDevice& hid = Add(kemu::AdapterConfig(0x7A02, "KVX777"));
-    LxHidRawDeviceEnumerator e;
-    LxHidRawDeviceInterface itf;
-    EXPECT_FALSE(itf.IsOpen());
-    EXPECT_EQ(-1, itf.GetFileDescriptor());
-    ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
-    EXPECT_TRUE(itf.IsOpen());
-    EXPECT_GE(itf.GetFileDescriptor(), 0);
-    EXPECT_TRUE(itf.IsConnected());
-    EXPECT_EQ(321u, itf.InputReportByteLength());
-    EXPECT_EQ(321u, itf.OutputReportByteLength());
-    EXPECT_FALSE(itf.IsNumberedInputReport());
-    EXPECT_EQ(0x1209, itf.UsbVid());
-    EXPECT_EQ(0x7A02, itf.UsbPid());
-    EXPECT_EQ(0x0100, itf.UsbRevision());
+    EXPECT_FALSE(mItf.IsOpen());
+    EXPECT_EQ(-1, mItf.GetFileDescriptor());
+    ASSERT_EQ(TSTATUS_SUCCESS, Open(mItf, mEnum, hid));
+    EXPECT_TRUE(mItf.IsOpen());
+    EXPECT_GE(mItf.GetFileDescriptor(), 0);
+    EXPECT_TRUE(mItf.IsConnected());
+    EXPECT_EQ(321u, mItf.InputReportByteLength());
+    EXPECT_EQ(321u, mItf.OutputReportByteLength());
+    EXPECT_FALSE(mItf.IsNumberedInputReport());
+    EXPECT_EQ(0x1209, mItf.UsbVid());
+    EXPECT_EQ(0x7A02, mItf.UsbPid());
+    EXPECT_EQ(0x0100, mItf.UsbRevision());
 
     char serial[7];
-    ASSERT_EQ(TSTATUS_SUCCESS, itf.GetSerialNumberString(serial, sizeof(serial)));
+    ASSERT_EQ(TSTATUS_SUCCESS, mItf.GetSerialNumberString(serial, sizeof(serial)));
     EXPECT_STREQ("KVX777", serial);
     std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_EQ(TSTATUS_BUFFER_TOO_SMALL, itf.GetSerialNumberString(serial, 6));
-        EXPECT_EQ(TSTATUS_INVALID_PARAMETER, itf.GetSerialNumberString(nullptr, 100));
+        EXPECT_EQ(TSTATUS_BUFFER_TOO_SMALL, mItf.GetSerialNumberString(serial, 6));
+        EXPECT_EQ(TSTATUS_INVALID_PARAMETER, mItf.GetSerialNumberString(nullptr, 100));
     });
     EXPECT_EQ(kSerial + ": stringBuffer too small, min. 7 bytes, got 6 bytes\n" + kSerial +
                   ": stringBuffer is NULL\n",
               out);
 
     hidraw_devinfo info;
-    ASSERT_EQ(TSTATUS_SUCCESS, itf.IoctlGetRawInfo(info));
+    ASSERT_EQ(TSTATUS_SUCCESS, mItf.IoctlGetRawInfo(info));
     EXPECT_EQ(0x1209, static_cast<T_UINT16>(info.vendor));
     EXPECT_EQ(0x7A02, static_cast<T_UINT16>(info.product));
     char name[256];
-    ASSERT_EQ(TSTATUS_SUCCESS, itf.IoctlGetRawName(name, sizeof(name)));
+    ASSERT_EQ(TSTATUS_SUCCESS, mItf.IoctlGetRawName(name, sizeof(name)));
     EXPECT_NE(std::string::npos, std::string(name).find("Karvex")) << name;
     char phys[64];
-    ASSERT_EQ(TSTATUS_SUCCESS, itf.IoctlGetPhysicalLocation(phys, sizeof(phys)));
+    ASSERT_EQ(TSTATUS_SUCCESS, mItf.IoctlGetPhysicalLocation(phys, sizeof(phys)));
     EXPECT_NE(0u, strlen(phys));
     // A buffer longer than the ioctl's 14-bit length field is still safe.
     std::vector<char> huge(70000, 'x');
-    EXPECT_EQ(TSTATUS_SUCCESS, itf.IoctlGetRawName(huge.data(), static_cast<unsigned>(huge.size())));
+    EXPECT_EQ(TSTATUS_SUCCESS, mItf.IoctlGetRawName(huge.data(), static_cast<unsigned>(huge.size())));
     EXPECT_STREQ(name, huge.data());
 
     int size = -1;
-    ASSERT_EQ(TSTATUS_SUCCESS, itf.IoctlGetReportDescriptorSize(size));
+    ASSERT_EQ(TSTATUS_SUCCESS, mItf.IoctlGetReportDescriptorSize(size));
     EXPECT_EQ(static_cast<int>(hid.ReportDescriptor().size()), size);
 
-    out = CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { itf.CloseHidRawDevice(); });
+    out = CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { mItf.CloseHidRawDevice(); });
     EXPECT_EQ(0u, out.find(kClose + ": close hidraw file handle\n" + kClose + ": free report descriptor parser (0x"))
         << out;
-    EXPECT_FALSE(itf.IsOpen());
-    EXPECT_EQ(0u, itf.InputReportByteLength());
-    EXPECT_EQ(0u, itf.UsbVid());
-    EXPECT_EQ(TSTATUS_NOT_SUPPORTED, itf.GetSerialNumberString(serial, sizeof(serial)));
-    EXPECT_EQ("", CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { itf.CloseHidRawDevice(); })) << "second close";
+    EXPECT_FALSE(mItf.IsOpen());
+    EXPECT_EQ(0u, mItf.InputReportByteLength());
+    EXPECT_EQ(0u, mItf.UsbVid());
+    EXPECT_EQ(TSTATUS_NOT_SUPPORTED, mItf.GetSerialNumberString(serial, sizeof(serial)));
+    EXPECT_EQ("", CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { mItf.CloseHidRawDevice(); })) << "second close";
 
     // Open again after close.
-    ASSERT_EQ(TSTATUS_SUCCESS, itf.OpenHidRawDevice(e, IndexOf(e, hid)));
-    EXPECT_EQ(321u, itf.InputReportByteLength());
+    ASSERT_EQ(TSTATUS_SUCCESS, mItf.OpenHidRawDevice(mEnum, IndexOf(mEnum, hid)));
+    EXPECT_EQ(321u, mItf.InputReportByteLength());
 }
 
 TEST_F(HidrawTest, ReportLengthsFollowTheDescriptor)
@@ -544,15 +542,13 @@ TEST_F(HidrawTest, ReportLengthsFollowTheDescriptor)
     };
     for (size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(i);
+        mItf.CloseHidRawDevice();
         mTestbed.reset(); // one testbed at a time
         mTestbed = std::make_unique<kemu::EmuTestbed>();
-        kemu::EmuHidDevice& hid = Add(cases[i].config);
-        LxHidRawDeviceEnumerator e;
-        LxHidRawDeviceInterface itf;
-        ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
-        EXPECT_EQ(cases[i].in, itf.InputReportByteLength());
-        EXPECT_EQ(cases[i].out, itf.OutputReportByteLength());
-        EXPECT_EQ(cases[i].numbered, itf.IsNumberedInputReport());
+        AddOpened(cases[i].config);
+        EXPECT_EQ(cases[i].in, mItf.InputReportByteLength());
+        EXPECT_EQ(cases[i].out, mItf.OutputReportByteLength());
+        EXPECT_EQ(cases[i].numbered, mItf.IsNumberedInputReport());
     }
 }
 
@@ -695,24 +691,21 @@ TEST_F(HidrawTest, OpenWithoutPermissionIsNotAllowed)
 
 TEST_F(HidrawTest, OtherIoctlFailuresAreReportedWithErrno)
 {
-    kemu::EmuHidDevice& hid = Add();
-    LxHidRawDeviceEnumerator e;
-    LxHidRawDeviceInterface itf;
-    ASSERT_EQ(TSTATUS_SUCCESS, Open(itf, e, hid));
+    kemu::EmuHidDevice& hid = AddOpened();
 
     hid.FailIoctl(HIDIOCGRAWINFO, ENODEV);
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(itf.IsConnected()); });
+    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(mItf.IsConnected()); });
     EXPECT_EQ(kRawInfo + ": HIDIOCGRAWINFO failed (19)\n", out);
     hid.FailIoctl(HIDIOCGRAWINFO, 0);
-    EXPECT_TRUE(itf.IsConnected());
+    EXPECT_TRUE(mItf.IsConnected());
 
     hid.FailIoctl(HIDIOCGRAWNAME(0), EIO);
     hid.FailIoctl(HIDIOCGRAWPHYS(0), EPERM);
     char buf[100];
     memset(buf, 'x', sizeof(buf));
     out = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-        EXPECT_EQ(TSTATUS_LINUX_EIO, itf.IoctlGetRawName(buf, sizeof(buf)));
-        EXPECT_EQ(TSTATUS_LINUX_EPERM, itf.IoctlGetPhysicalLocation(buf, 64));
+        EXPECT_EQ(TSTATUS_LINUX_EIO, mItf.IoctlGetRawName(buf, sizeof(buf)));
+        EXPECT_EQ(TSTATUS_LINUX_EPERM, mItf.IoctlGetPhysicalLocation(buf, 64));
     });
     EXPECT_EQ(kRawName + ": HIDIOCGRAWNAME(100) failed (5)\n" + kPhys + ": HIDIOCGRAWPHYS(64) failed (1)\n", out);
     // The output is cleared first, over the whole length.
