@@ -7,7 +7,6 @@
 #include <cstring>
 
 using namespace device_test;
-using Faults = kemu::EmuAdapterFirmware::Faults;
 
 namespace {
 
@@ -179,7 +178,7 @@ TEST_F(DeviceCommandTest, ReaderDropsTruncatedReports)
     EXPECT_EQ(1u, CountOf(trace, kSigProcess + ":  bytes transferred 5 too small, min. 8\n")) << trace;
     EXPECT_EQ(1u, CountOf(trace, kSigProcess + ":  bytes transferred 1 too small, min. 8\n")) << trace;
     EXPECT_EQ(1u, CountOf(trace, kSigProcess + ": unexpected bytes transferred 12, exp. min. 16\n")) << trace;
-    EXPECT_EQ(3u, LineCount(trace)) << trace;
+    EXPECT_EQ(3u, CountOf(trace, "\n")) << trace;
     EXPECT_EQ(nextId, MsgId(adapter.LastCommand()));
 }
 

@@ -132,7 +132,7 @@ TEST_F(DeviceEventTest, EventWithInvalidLengthIsSkipped)
     EXPECT_EQ(1u, CountOf(trace, kSigPinThread + ": Ignore pin event with invalid length 12, exp. 16\n")) << trace;
     EXPECT_EQ(1u, CountOf(trace, kSigPinThread + ": Ignore pin event with invalid length 20, exp. 16\n")) << trace;
     EXPECT_EQ(1u, CountOf(trace, kSigProcess + ": unexpected bytes transferred 320, exp. min. 400\n")) << trace;
-    EXPECT_EQ(3u, LineCount(trace)) << trace;
+    EXPECT_EQ(3u, CountOf(trace, "\n")) << trace;
     EXPECT_EQ(std::vector<unsigned>{6}, sink.Pins());
 }
 
@@ -155,7 +155,7 @@ TEST_F(DeviceEventTest, ThrowingCallbackIsReportedAndLaterEventsArrive)
         ASSERT_TRUE(sink.events.WaitForCount(3));
     });
     EXPECT_EQ(3u, CountOf(trace, kSigPinThread + ": FATAL: Uncaught exception in pin event callback\n")) << trace;
-    EXPECT_EQ(3u, LineCount(trace)) << trace;
+    EXPECT_EQ(3u, CountOf(trace, "\n")) << trace;
     EXPECT_EQ((std::vector<unsigned>{2, 2, 4}), sink.Pins());
 }
 
@@ -355,7 +355,7 @@ TEST_F(DeviceEventTest, CallbackCannotReRegisterOrCloseItsDevice)
     EXPECT_EQ(1u, CountOf(trace, kSigRegister + ": not allowed from inside the pin event callback\n")) << trace;
     EXPECT_EQ(1u, CountOf(trace, "void KarvexDevice::Close(): not allowed from inside the pin event callback\n"))
         << trace;
-    EXPECT_EQ(2u, LineCount(trace)) << trace;
+    EXPECT_EQ(2u, CountOf(trace, "\n")) << trace;
     EXPECT_TRUE(device.IsOpen());
     EXPECT_EQ((std::vector<unsigned>{1, 2, 3}), sink.Pins());
     Sync(device);

@@ -68,9 +68,10 @@ TEST_F(DeviceOpenTest, SerialNumberNotSupportedIsInformationOnly)
               info);
 }
 
-// Any 1.xx adapter is accepted; the minor number is not compared. A refused
-// adapter is closed again, and the same object can open another one.
-TEST_F(DeviceOpenTest, ProtocolVersionMajorMustBeOne)
+// Any 1.xx adapter is accepted; the minor number is not compared. The version
+// answer goes through the checks of every answer (status, code, length). A
+// refused adapter is closed again, and the same object can open another one.
+TEST_F(DeviceOpenTest, VersionAnswerDecidesTheOpen)
 {
     KarvexDevice device;
     {
@@ -79,19 +80,36 @@ TEST_F(DeviceOpenTest, ProtocolVersionMajorMustBeOne)
         EXPECT_EQ(TSTATUS_SUCCESS, OpenDevice(device, adapter));
         device.Close();
     }
-    struct Case {
+    auto incompatible = [](const char* version) {
+        return kSigOpen + ": Protocol version " + version + " is incompatible with expected version 1.00\n";
+    };
+    const std::string failed = kSigOpen + ": GetProtocolVersion failed, err = ";
+    const struct Case {
         std::uint8_t major, minor;
-        const char* text;
-    } cases[] = {{2, 0, "2.00"}, {0, 99, "0.99"}, {255, 5, "255.05"}};
+        Faults faults;
+        TSTATUS status;
+        std::string trace;
+    } cases[] = {
+        {2, 0, Faults(), TSTATUS_INCOMPATIBLE_PROTOCOL_VERSION, incompatible("2.00")},
+        {0, 99, Faults(), TSTATUS_INCOMPATIBLE_PROTOCOL_VERSION, incompatible("0.99")},
+        {255, 5, Faults(), TSTATUS_INCOMPATIBLE_PROTOCOL_VERSION, incompatible("255.05")},
+        {1, 0, HeaderFaults(0x05, 0x80, 8), static_cast<TSTATUS>(0xE0001105u),
+         kSigGetProtocolVersion + ": Failure response received, st = 0x05\n" + failed + "0xE0001105\n"},
+        {1, 0, HeaderFaults(0, 0x80, 8), TSTATUS_UNEXPECTED_DEVICE_RESPONSE,
+         kSigGetProtocolVersion + ": unexpected response code 0x80, exp. 0x81\n" + failed + "0xE0000064\n"},
+        {1, 0, HeaderFaults(0, -1, 16), TSTATUS_LENGTH_MISMATCH,
+         kSigGetProtocolVersion + ": unexpected length 16, exp. 10\n" + failed + "0xE0000061\n"},
+    };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.trace);
         Adapter& adapter = AddAdapter();
         adapter.firmware->SetProtocolVersion(c.major, c.minor);
+        adapter.firmware->SetOneShotFaults(THID_CMD_GET_PROTOCOL_VERSION, c.faults);
         TSTATUS st = TSTATUS_SUCCESS;
         std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = OpenDevice(device, adapter); });
-        EXPECT_EQ(TSTATUS_INCOMPATIBLE_PROTOCOL_VERSION, st) << c.text;
-        EXPECT_EQ(kSigOpen + ": Protocol version " + c.text + " is incompatible with expected version 1.00\n", trace);
+        EXPECT_EQ(c.status, st) << ktest::StatusName(st);
+        EXPECT_EQ(c.trace, trace);
         EXPECT_FALSE(device.IsOpen());
-        EXPECT_EQ(1u, adapter.firmware->CommandCount());
         // Refused means closed: nothing can be sent any more.
         EXPECT_EQ(TSTATUS_NOT_OPENED, device.SetPinState(1, GPIOState_High));
         EXPECT_EQ(1u, adapter.firmware->CommandCount());
@@ -100,63 +118,9 @@ TEST_F(DeviceOpenTest, ProtocolVersionMajorMustBeOne)
     EXPECT_EQ(TSTATUS_SUCCESS, OpenDevice(device, adapter));
 }
 
-// The version answer goes through the same checks as every response:
-// status, then code, then length.
-TEST_F(DeviceOpenTest, BadVersionAnswerFailsOpen)
-{
-    struct Case {
-        kemu::EmuAdapterFirmware::Faults faults;
-        TSTATUS expected;
-        std::string line;
-    };
-    std::vector<Case> cases;
-    {
-        kemu::EmuAdapterFirmware::Faults f;
-        f.status = 0x05;
-        f.wrongCode = 0x80;
-        f.lengthOverride = 8;
-        cases.push_back({f, static_cast<TSTATUS>(0xE0001105u), "Failure response received, st = 0x05\n"});
-    }
-    {
-        kemu::EmuAdapterFirmware::Faults f;
-        f.wrongCode = 0x80;
-        f.lengthOverride = 8;
-        cases.push_back({f, TSTATUS_UNEXPECTED_DEVICE_RESPONSE, "unexpected response code 0x80, exp. 0x81\n"});
-    }
-    {
-        kemu::EmuAdapterFirmware::Faults f;
-        f.lengthOverride = 16;
-        cases.push_back({f, TSTATUS_LENGTH_MISMATCH, "unexpected length 16, exp. 10\n"});
-    }
-    for (const Case& c : cases) {
-        Adapter& adapter = AddAdapter();
-        adapter.firmware->SetOneShotFaults(THID_CMD_GET_PROTOCOL_VERSION, c.faults);
-        KarvexDevice device;
-        TSTATUS st = TSTATUS_SUCCESS;
-        std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = OpenDevice(device, adapter); });
-        EXPECT_EQ(c.expected, st) << TStatusStringA(st);
-        EXPECT_FALSE(device.IsOpen());
-        char failed[96];
-        snprintf(failed, sizeof(failed), ": GetProtocolVersion failed, err = 0x%08X\n",
-                 static_cast<unsigned>(c.expected));
-        EXPECT_EQ(kSigGetProtocolVersion + ": " + c.line + kSigOpen + failed, trace);
-    }
-}
-
-TEST_F(DeviceOpenTest, SixtyFourByteAdapterIsRefusedBeforeAnythingIsSent)
-{
-    Adapter& adapter = AddAdapter(kemu::Adapter64Config());
-    KarvexDevice device;
-    TSTATUS st = TSTATUS_SUCCESS;
-    std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = OpenDevice(device, adapter); });
-    EXPECT_EQ(TSTATUS_INVALID_REPORT_LENGTH, st);
-    EXPECT_EQ(kSigOpen + ": Invalid input report length 63, min. 320\n", trace);
-    EXPECT_FALSE(device.IsOpen());
-    EXPECT_EQ(0u, adapter.firmware->CommandCount());
-    EXPECT_EQ(0u, adapter.hid->WriteCount());
-}
-
-TEST_F(DeviceOpenTest, OpenTwiceKeepsTheFirstOpen)
+// A second open, or one with an index outside the enumeration, is refused and
+// leaves the device as it was.
+TEST_F(DeviceOpenTest, RefusedOpensChangeNothing)
 {
     Adapter& adapter = AddAdapter();
     KarvexDevice& device = OpenedDevice(adapter);
@@ -167,19 +131,12 @@ TEST_F(DeviceOpenTest, OpenTwiceKeepsTheFirstOpen)
     EXPECT_TRUE(device.IsOpen());
     EXPECT_EQ(1u, adapter.firmware->CommandCount()) << "the second open sent nothing";
     EXPECT_EQ(TSTATUS_SUCCESS, device.SetPinState(1, GPIOState_High));
-}
 
-TEST_F(DeviceOpenTest, IndexOutsideTheEnumerationFails)
-{
-    Adapter& adapter = AddAdapter();
-    (void)IndexOf(adapter);
-    KarvexDevice device;
-    TSTATUS st = TSTATUS_SUCCESS;
-    std::string trace =
-        CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = device.Open(mEnumerator, mEnumerator.DeviceCount()); });
+    KarvexDevice other;
+    trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] { st = other.Open(mEnumerator, mEnumerator.DeviceCount()); });
     EXPECT_EQ(TSTATUS_INVALID_PARAMETER, st);
     EXPECT_EQ(1u, CountOf(trace, kSigOpen + ": OpenHidRawDevice failed, err = 0xE0000041\n")) << trace;
-    EXPECT_FALSE(device.IsOpen());
+    EXPECT_FALSE(other.IsOpen());
 }
 
 TEST_F(DeviceOpenTest, EveryOperationOnAClosedDeviceSaysNotOpened)
@@ -209,7 +166,7 @@ TEST_F(DeviceOpenTest, EveryOperationOnAClosedDeviceSaysNotOpened)
         EXPECT_EQ(TSTATUS_NOT_OPENED, device.GetDeviceSerialNumber(serial, sizeof(serial)));
     });
     EXPECT_EQ(9u, CountOf(trace, ": not opened\n")) << trace;
-    EXPECT_EQ(9u, LineCount(trace)) << trace;
+    EXPECT_EQ(9u, CountOf(trace, "\n")) << trace;
     EXPECT_EQ(1u, CountOf(trace, kSigSetPinMode + ": not opened\n"));
     EXPECT_EQ(1u, CountOf(trace, kSigI2c + ": not opened\n"));
     EXPECT_EQ(7u, vid) << "outputs of a refused query stay untouched";
@@ -293,7 +250,7 @@ TEST_F(DeviceOpenTest, UnplugWhileOpen)
         inWindow = CountOf(ktest::CapturedSoFar(), pollError) - before;
     });
     EXPECT_LE(inWindow, static_cast<size_t>(wall / 50 + 2)) << trace.substr(0, 400);
-    EXPECT_EQ(CountOf(trace, pollError), LineCount(trace)) << trace.substr(0, 600);
+    EXPECT_EQ(CountOf(trace, pollError), CountOf(trace, "\n")) << trace.substr(0, 600);
     EXPECT_LT(cpu, 150.0) << "reader thread spinning on an unplugged device";
 
     EXPECT_EQ(TSTATUS_DEVICE_REMOVED, device.CheckDeviceConnection());

@@ -9,7 +9,6 @@
 #include <cstring>
 
 using namespace device_test;
-using Faults = kemu::EmuAdapterFirmware::Faults;
 
 namespace {
 

@@ -9,7 +9,6 @@
 #include "support/device_fixture.h"
 
 using namespace device_test;
-using Faults = kemu::EmuAdapterFirmware::Faults;
 
 namespace {
 
