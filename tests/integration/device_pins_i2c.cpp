@@ -310,43 +310,6 @@ TEST_F(DeviceI2cTest, EepromWriteThenReadBack)
         EXPECT_EQ(0x5A, r[i]) << "only bytesToRead bytes are copied";
 }
 
-TEST_F(DeviceI2cTest, AnswerChecks)
-{
-    Adapter& adapter = AddAdapter();
-    KarvexDevice& device = OpenedDevice(adapter);
-    const unsigned char address = 0;
-    struct Case {
-        Faults faults;
-        TSTATUS status;
-        std::string errorLine; // empty: nothing on the error trace
-    };
-    std::vector<Case> cases;
-    Faults f;
-    f.status = 0x07;
-    f.wrongCode = 0x97;
-    f.lengthOverride = 16;
-    cases.push_back({f, static_cast<TSTATUS>(0xE0001107u), ""});
-    f = Faults();
-    f.wrongCode = 0x97;
-    f.lengthOverride = 16;
-    cases.push_back({f, TSTATUS_UNEXPECTED_DEVICE_RESPONSE, "unexpected response code 0x97, exp. 0x98\n"});
-    f = Faults();
-    f.lengthOverride = 272;
-    cases.push_back({f, TSTATUS_LENGTH_MISMATCH, "unexpected length 272, exp. 280\n"});
-    for (const Case& c : cases) {
-        adapter.firmware->SetOneShotFaults(THID_CMD_I2C_TRANSACTION, c.faults);
-        unsigned char r[4] = {0xCC, 0xCC, 0xCC, 0xCC};
-        TSTATUS st = TSTATUS_SUCCESS;
-        std::string trace = CaptureTrace(KARVEX_TRACE_ERROR, [&] {
-            st = device.I2cTransaction(0, 100, kEepromAddress, &address, 1, r, 4, 100);
-        });
-        EXPECT_EQ(c.status, st) << std::hex << st;
-        EXPECT_EQ(c.errorLine.empty() ? std::string() : kSigI2c + ": " + c.errorLine, trace);
-        for (unsigned char b : r)
-            EXPECT_EQ(0xCC, b);
-    }
-}
-
 // The host waits twice the adapter's time-out, at least one second: 300 ms
 // gives 1000 ms, 800 ms gives 1600 ms. Two adapters run side by side.
 TEST_F(DeviceI2cTest, HostTimeoutFollowsTheAdapterTimeout)
