@@ -86,17 +86,13 @@ TEST_F(DeviceCommandTest, ForeignAnswersSpendTheSameBudget)
     KarvexDevice& device = OpenedDevice(adapter);
     unsigned char address = 0;
 
-    Faults late;
-    late.delayMs = 1700;
-    adapter.firmware->SetOneShotFaults(THID_CMD_I2C_TRANSACTION, late);
+    adapter.firmware->SetOneShotFaults(THID_CMD_I2C_TRANSACTION, Delayed(1700));
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(TSTATUS_TIMEOUT, device.I2cTransaction(0, 100, kEepromAddress, &address, 1, nullptr, 0, 300));
     EXPECT_GE(ElapsedMs(start), 990);
     const unsigned lateId = MsgId(adapter.LastCommand());
 
-    Faults silent;
-    silent.noAnswer = true;
-    adapter.firmware->SetOneShotFaults(THID_CMD_I2C_TRANSACTION, silent);
+    adapter.firmware->SetOneShotFaults(THID_CMD_I2C_TRANSACTION, Silent());
     long long waited = 0;
     std::string trace = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_INFO, [&] {
         start = std::chrono::steady_clock::now();
@@ -141,9 +137,7 @@ TEST_F(DeviceCommandTest, UnsolicitedAnswersBeyondTheQueueAreLost)
             << "timed out waiting for the reader to take all four reports";
         // Paces the emulated adapter: the command must have emptied the queue
         // before its answer arrives, or the answer would be the one lost.
-        Faults slow;
-        slow.delayMs = 1000;
-        adapter.firmware->SetOneShotFaults(THID_CMD_SET_PIN_STATE, slow);
+        adapter.firmware->SetOneShotFaults(THID_CMD_SET_PIN_STATE, Delayed(1000));
         EXPECT_EQ(TSTATUS_SUCCESS, device.SetPinState(3, GPIOState_High));
     });
     EXPECT_EQ(1u, CountOf(trace, "unique ID mismatch, got 200,")) << trace;
@@ -189,9 +183,7 @@ TEST_F(DeviceCommandTest, CloseAbortsAWaitingCommand)
 {
     Adapter& adapter = AddAdapter();
     KarvexDevice& device = OpenedDevice(adapter);
-    Faults silent;
-    silent.noAnswer = true;
-    adapter.firmware->SetFaults(silent);
+    adapter.firmware->SetFaults(Silent());
     const size_t sent = adapter.firmware->CommandCount();
 
     std::atomic<TSTATUS> result{TSTATUS_SUCCESS};
@@ -219,6 +211,35 @@ TEST_F(DeviceCommandTest, CloseAbortsAWaitingCommand)
     EXPECT_FALSE(device.IsOpen());
     EXPECT_EQ(1u, CountOf(trace, kSigExecute + ": operation aborted\n")) << trace;
     EXPECT_EQ(1u, CountOf(trace, kSigGetPinState + ": ExecuteCommand failed, err = 0xE0000005\n")) << trace;
+}
+
+// The thread that waits for an answer reads the node itself. An answer that
+// arrives as the budget runs out either ends the command or comes too late; a
+// late one is skipped by the next command, which succeeds. Either way a
+// time-out comes no earlier than the budget.
+TEST_F(DeviceCommandTest, AnswerAtTheEndOfTheBudget)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    const std::uint8_t address = 0;
+    for (unsigned delay : {990u, 1000u, 1010u}) {
+        adapter.firmware->SetOneShotFaults(THID_CMD_I2C_TRANSACTION, Delayed(delay));
+        PxMutexLock lock(device.mMutex);
+        const auto t0 = std::chrono::steady_clock::now();
+        // Bus time-out 100 ms: the host allows its minimum of 1000 ms.
+        const TSTATUS st = device.I2cTransaction(0, 100, kEepromAddress, &address, 1, nullptr, 0, 100);
+        const long long took = ElapsedMs(t0);
+        if (st == TSTATUS_TIMEOUT) {
+            EXPECT_GE(took, 1000) << "timed out before its budget (delay " << delay << ")";
+        } else {
+            EXPECT_EQ(TSTATUS_SUCCESS, st) << TStatusStringA(st);
+        }
+        // A late I2C answer taken for this one would fail its code check.
+        adapter.firmware->SetInputLevel(3, delay == 1000u);
+        KARVEX_GPIOState state = GPIOState_Low;
+        EXPECT_EQ(TSTATUS_SUCCESS, device.GetPinState(3, state)) << "after delay " << delay;
+        EXPECT_EQ(delay == 1000u ? GPIOState_High : GPIOState_Low, state);
+    }
 }
 
 // The checks of every answer run in one order: failure status first, then

@@ -362,4 +362,74 @@ TEST_F(DeviceEventTest, ReRegisteringUnderAnEventStream)
     EXPECT_EQ(0u, CountOf(trace, "ASSERTION")) << trace.substr(0, 800);
 }
 
+// The thread that waits for an answer reads the node itself while the reader
+// thread stands aside. A pin event that arrives meanwhile reaches the callback
+// on the pin event thread before the answer does; the answer then ends the
+// command.
+TEST_F(DeviceEventTest, EventWhileACommandWaitsIsDeliveredAtOnce)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    CloseOnExit closeOnExit(device);
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    adapter.firmware->SetOneShotFaults(THID_CMD_SET_PIN_STATE, Silent());
+    const size_t sent = adapter.firmware->CommandCount();
+
+    std::atomic<bool> done{false};
+    TSTATUS result = TSTATUS_TIMEOUT;
+    std::thread::id caller;
+    std::string trace = CaptureTrace(KARVEX_TRACE_INFO | KARVEX_TRACE_PROTOCOL, [&] {
+        std::thread worker([&] {
+            caller = std::this_thread::get_id();
+            PxMutexLock lock(device.mMutex);
+            result = device.SetPinState(2, GPIOState_High);
+            done = true;
+        });
+        ASSERT_TRUE(WaitUntil([&] { return adapter.firmware->CommandCount() > sent; }))
+            << "the command never reached the adapter";
+        adapter.firmware->SendPinEvent(7, 1);
+        EXPECT_TRUE(sink.events.WaitForCount(1)) << "the event sent while the command waited was not delivered";
+        EXPECT_FALSE(done.load()) << "the command ended without its answer";
+        const unsigned id = MsgId(adapter.LastCommand());
+        adapter.hid->InjectInputReport(RawMessage(THID_RSP_ACK, 8, static_cast<std::uint8_t>(id)));
+        worker.join();
+    });
+    EXPECT_EQ(TSTATUS_SUCCESS, result);
+    const auto events = sink.events.Items();
+    ASSERT_EQ(1u, events.size());
+    EXPECT_EQ(7u, events[0].pin);
+    EXPECT_EQ(GPIOState_High, events[0].state);
+    EXPECT_NE(caller, events[0].thread) << "the callback ran on the command's thread";
+    const size_t event = trace.find(kSigProcess + ": Pin event received\n");
+    const size_t answer = trace.find(kSigProcess + ": Response received\n");
+    const size_t received = trace.find(kSigExecute + ": Receive response 0x80");
+    ASSERT_NE(std::string::npos, event) << trace;
+    EXPECT_LT(event, answer) << trace;
+    EXPECT_LT(answer, received) << trace;
+}
+
+// Between commands the node stays with the command thread for a moment; an
+// event arriving then is still delivered (the reader thread takes the node
+// back), and so are events once the device has been idle.
+TEST_F(DeviceEventTest, EventsRightAfterACommandAreDelivered)
+{
+    Adapter& adapter = AddAdapter();
+    KarvexDevice& device = OpenedDevice(adapter);
+    Sink sink;
+    CloseOnExit closeOnExit(device);
+    ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
+    for (unsigned i = 0; i < 5; ++i) {
+        {
+            PxMutexLock lock(device.mMutex);
+            ASSERT_EQ(TSTATUS_SUCCESS, device.SetPinState(1, i % 2 ? GPIOState_High : GPIOState_Low));
+        }
+        adapter.firmware->SendPinEvent(i, 0);
+        ASSERT_TRUE(sink.events.WaitForCount(i + 1)) << "event " << i << " after a command was not delivered";
+    }
+    const auto events = sink.events.Items();
+    for (unsigned i = 0; i < events.size(); ++i)
+        EXPECT_EQ(i, events[i].pin);
+}
+
 } // namespace

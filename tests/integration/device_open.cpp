@@ -192,9 +192,7 @@ TEST_F(DeviceOpenTest, ReopenedDeviceWaitsQuietly)
     std::string trace = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
         ASSERT_EQ(TSTATUS_SUCCESS, OpenDevice(device, second));
         // An answer that takes a while: the command waits for it.
-        kemu::EmuAdapterFirmware::Faults slow;
-        slow.delayMs = 150;
-        second.firmware->SetOneShotFaults(THID_CMD_GET_PIN_MODE, slow);
+        second.firmware->SetOneShotFaults(THID_CMD_GET_PIN_MODE, Delayed(150));
         const double cpuBefore = ProcessCpuMs();
         KARVEX_GPIOMode mode;
         EXPECT_EQ(TSTATUS_SUCCESS, device.GetPinMode(2, mode));

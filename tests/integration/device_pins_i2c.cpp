@@ -277,10 +277,8 @@ TEST_F(DeviceI2cTest, HostTimeoutFollowsTheAdapterTimeout)
     Adapter& b = AddAdapter(kemu::AdapterConfig(0x7A02, "KVX000002"));
     KarvexDevice& da = OpenedDevice(a);
     KarvexDevice& db = OpenedDevice(b);
-    Faults silent;
-    silent.noAnswer = true;
-    a.firmware->SetFaults(silent);
-    b.firmware->SetFaults(silent);
+    a.firmware->SetFaults(Silent());
+    b.firmware->SetFaults(Silent());
 
     struct Run {
         KarvexDevice& device;

@@ -51,6 +51,20 @@ template <typename T>
 using Recorder = ktest::EventLog<T>;
 using Faults = kemu::EmuAdapterFirmware::Faults;
 
+// An adapter that swallows commands, or answers them after a delay.
+inline Faults Silent()
+{
+    Faults f;
+    f.noAnswer = true;
+    return f;
+}
+inline Faults Delayed(unsigned ms)
+{
+    Faults f;
+    f.delayMs = ms;
+    return f;
+}
+
 // Faults in an answer's header (-1: that field is left alone).
 inline Faults HeaderFaults(std::uint8_t status, int wrongCode = -1, int lengthOverride = -1)
 {
