@@ -295,7 +295,8 @@ TEST_F(DeviceCommandTest, AnswerChecksRunStatusThenCodeThenLength)
         char wrongCodeLine[80], wrongLengthLine[80];
         snprintf(wrongCodeLine, sizeof(wrongCodeLine), "unexpected response code 0x%02X, exp. 0x%02X\n", wrongCode,
                  op.response);
-        snprintf(wrongLengthLine, sizeof(wrongLengthLine), "unexpected length %d, exp. %u\n", otherLength, op.length);
+        snprintf(wrongLengthLine, sizeof(wrongLengthLine), "unexpected length %d, exp. %u\n", otherLength,
+                 op.length);
         auto failure = [&](const std::string& st) {
             return op.statusIsError ? "Failure response received, st = 0x" + st + "\n" : std::string();
         };

@@ -96,8 +96,10 @@ TEST_F(DeviceEventTest, BadEventsAreSkipped)
     std::string trace = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
         adapter.firmware->SendPinEvent(3, 2);
         adapter.firmware->SendPinEvent(3, 0);
-        for (std::uint16_t length : {12, 20, 400})
-            adapter.hid->InjectInputReport(RawMessage(THID_EVT_PIN_STATE_CHANGED, length, 0, PinStatePayload(5, 1)));
+        for (std::uint16_t length : {12, 20, 400}) {
+            adapter.hid->InjectInputReport(
+                RawMessage(THID_EVT_PIN_STATE_CHANGED, length, 0, PinStatePayload(5, 1)));
+        }
         adapter.hid->InjectInputReport(RawMessage(THID_EVT_PIN_STATE_CHANGED, 16, 0, PinStatePayload(6, 1)));
         ASSERT_TRUE(sink.events.WaitForCount(2));
     });

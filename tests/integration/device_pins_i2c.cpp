@@ -45,7 +45,8 @@ TEST_F(DevicePinTest, PinCommandsOnTheWire)
         unsigned code;
         std::vector<std::uint8_t> payload;
     } cases[] = {
-        {[&] { return device.SetPinMode(3, GPIOMode_Output_High); }, THID_CMD_SET_PIN_MODE, {3, 0, 0, 0, 3, 0, 0, 0}},
+        {[&] { return device.SetPinMode(3, GPIOMode_Output_High); }, THID_CMD_SET_PIN_MODE,
+         {3, 0, 0, 0, 3, 0, 0, 0}},
         {[&] { return device.SetPinState(3, GPIOState_Low); }, THID_CMD_SET_PIN_STATE, {3, 0, 0, 0, 0, 0, 0, 0}},
         {[&] { return device.GetPinState(3, state); }, THID_CMD_GET_PIN_STATE, {3, 0, 0, 0, 0, 0, 0, 0}},
         {[&] { return device.GetPinMode(11, mode); }, THID_CMD_GET_PIN_MODE, {11, 0, 0, 0, 0, 0, 0, 0}},
@@ -292,7 +293,8 @@ TEST_F(DeviceI2cTest, HostTimeoutFollowsTheAdapterTimeout)
             threads.emplace_back([&run] {
                 const unsigned char address = 0;
                 const auto start = std::chrono::steady_clock::now();
-                run.result = run.device.I2cTransaction(0, 100, kEepromAddress, &address, 1, nullptr, 0, run.timeout);
+                run.result =
+                    run.device.I2cTransaction(0, 100, kEepromAddress, &address, 1, nullptr, 0, run.timeout);
                 run.ms = ElapsedMs(start);
             });
         }
