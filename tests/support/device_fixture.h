@@ -1,22 +1,15 @@
 // Fixture for the device object tests: a KarvexDevice (library internals)
-// driven against emulated adapters under umockdev, with helpers to capture
-// trace output, decode the commands the firmware received and wait for
-// asynchronous results without fixed sleeps.
+// driven against emulated adapters under umockdev, with helpers to decode the
+// commands the firmware received and to build raw input reports.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <time.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <cstdio>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "EmuAdapterFirmware.h"
@@ -56,21 +49,30 @@ using ktest::TraceMaskGuard;
 using ktest::WaitUntil;
 template <typename T>
 using Recorder = ktest::EventLog<T>;
+using Faults = kemu::EmuAdapterFirmware::Faults;
 
-// Number of non-empty lines.
-inline size_t LineCount(const std::string& text)
+// An adapter that swallows commands, or answers them after a delay.
+inline Faults Silent()
 {
-    size_t count = 0;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos)
-            end = text.size();
-        if (end > start)
-            ++count;
-        start = end + 1;
-    }
-    return count;
+    Faults f;
+    f.noAnswer = true;
+    return f;
+}
+inline Faults Delayed(unsigned ms)
+{
+    Faults f;
+    f.delayMs = ms;
+    return f;
+}
+
+// Faults in an answer's header (-1: that field is left alone).
+inline Faults HeaderFaults(std::uint8_t status, int wrongCode = -1, int lengthOverride = -1)
+{
+    Faults f;
+    f.status = status;
+    f.wrongCode = wrongCode;
+    f.lengthOverride = lengthOverride;
+    return f;
 }
 
 // CPU time the whole process has used, in milliseconds: a thread that spins
