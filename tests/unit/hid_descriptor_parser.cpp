@@ -69,12 +69,22 @@ Bytes Pop() { return {0xB4}; }
 // Fields of bits each, count of them, as one Input item.
 Bytes InputBits(T_UINT8 bits, T_UINT8 count) { return Cat({ReportSize(bits), ReportCount(count), Input()}); }
 
-unsigned ItemCount(HidCollection* c)
+// The items directly inside c, in order.
+std::vector<HidTreeItem*> Children(HidCollection* c)
 {
-    unsigned n = 0;
+    std::vector<HidTreeItem*> items;
     for (HidTreeItem* i = c->mSubItemList.Head(); i != nullptr; i = c->mSubItemList.Next(i))
-        ++n;
-    return n;
+        items.push_back(i);
+    return items;
+}
+
+// Their kinds: 'C' collection, 'R' report.
+std::string Kinds(HidCollection* c)
+{
+    std::string kinds;
+    for (HidTreeItem* i : Children(c))
+        kinds += i->mType == HidTreeItem_Collection ? 'C' : i->mType == HidTreeItem_Report ? 'R' : '?';
+    return kinds;
 }
 
 class ParserTest : public ::testing::Test {
@@ -349,7 +359,7 @@ TEST_F(ParserTest, ReparseStartsFromScratch)
     ASSERT_TRUE(d->Parse());
     EXPECT_EQ(6u, d->MaxInputReportByteLength());
     EXPECT_EQ(48u, d->LookupHidReport(HidReportType_Input, 2)->mSize);
-    EXPECT_EQ(2u, ItemCount(d->TopCollection()));
+    EXPECT_EQ(2u, Children(d->TopCollection()).size());
     d->Free();
     d->Free();
     EXPECT_EQ(0u, d->MaxInputReportByteLength());
@@ -407,33 +417,20 @@ TEST_F(ParserTest, CollectionTreeFollowsTheDescriptor)
     EXPECT_EQ(nullptr, top->mItem.mParentCollection);
     EXPECT_EQ(0u, top->mType);
 
-    HidTreeItem* first = top->mSubItemList.Head();
-    ASSERT_NE(nullptr, first);
-    ASSERT_EQ(HidTreeItem_Collection, first->mType);
-    HidCollection* app = HidCollection::FromItem(first);
+    ASSERT_EQ("CR", Kinds(top));
+    HidCollection* app = HidCollection::FromItem(Children(top)[0]);
     EXPECT_EQ(1u, app->mType);
     EXPECT_EQ(top, app->mItem.mParentCollection);
-    HidTreeItem* feature = top->mSubItemList.Next(first);
-    ASSERT_NE(nullptr, feature);
-    EXPECT_EQ(HidTreeItem_Report, feature->mType);
-    EXPECT_EQ(HidReportType_Feature, HidReportItem::FromItem(feature)->mReportType);
-    EXPECT_EQ(nullptr, top->mSubItemList.Next(feature));
+    EXPECT_EQ(HidReportType_Feature, HidReportItem::FromItem(Children(top)[1])->mReportType);
 
     // Inside the application collection: report, collection, report.
-    HidTreeItem* a0 = app->mSubItemList.Head();
-    HidTreeItem* a1 = app->mSubItemList.Next(a0);
-    HidTreeItem* a2 = app->mSubItemList.Next(a1);
-    ASSERT_TRUE(a0 && a1 && a2);
-    EXPECT_EQ(nullptr, app->mSubItemList.Next(a2));
-    EXPECT_EQ(HidTreeItem_Report, a0->mType);
-    ASSERT_EQ(HidTreeItem_Collection, a1->mType);
-    EXPECT_EQ(HidTreeItem_Report, a2->mType);
-    HidCollection* logical = HidCollection::FromItem(a1);
+    ASSERT_EQ("RCR", Kinds(app));
+    HidCollection* logical = HidCollection::FromItem(Children(app)[1]);
     EXPECT_EQ(2u, logical->mType);
     EXPECT_EQ(app, logical->mItem.mParentCollection);
     // The report item keeps the global state of its time.
-    const HidReportItem* r0 = HidReportItem::FromItem(a0);
-    EXPECT_EQ(2u, r0->mGlobal.mReportCount);
+    HidTreeItem* a0 = Children(app)[0];
+    EXPECT_EQ(2u, HidReportItem::FromItem(a0)->mGlobal.mReportCount);
     EXPECT_EQ(app, a0->mParentCollection);
 
     EXPECT_EQ(48u, d->GetReportLengthInBitForCollection(top, HidReportType_Input, 0));
@@ -460,11 +457,9 @@ TEST_F(ParserTest, CollectionTypeComesFromTheFirstDataByte)
 {
     Descriptor d(Bytes{0xA0, 0xC0, 0xA2, 0x05, 0x01, 0xC0});
     ASSERT_TRUE(d->Parse());
-    HidTreeItem* c0 = d->TopCollection()->mSubItemList.Head();
-    HidTreeItem* c1 = d->TopCollection()->mSubItemList.Next(c0);
-    ASSERT_TRUE(c0 && c1);
-    EXPECT_EQ(0u, HidCollection::FromItem(c0)->mType);
-    EXPECT_EQ(5u, HidCollection::FromItem(c1)->mType);
+    ASSERT_EQ("CC", Kinds(d->TopCollection()));
+    EXPECT_EQ(0u, HidCollection::FromItem(Children(d->TopCollection())[0])->mType);
+    EXPECT_EQ(5u, HidCollection::FromItem(Children(d->TopCollection())[1])->mType);
 }
 
 TEST_F(ParserTest, DeeplyNestedCollectionsAreWalkedAndFreedIteratively)
@@ -542,28 +537,16 @@ TEST(ParserUsagePages, Names)
         unsigned page;
         const char* name;
     } const cases[] = {
-        {0x00, "Undefined"},          {0x01, "Generic Desktop"},
-        {0x02, "Simulation"},         {0x03, "VR"},
-        {0x04, "Sport"},              {0x05, "Game"},
-        {0x06, "Generic Device"},     {0x07, "Keyboard"},
-        {0x08, "LED"},                {0x09, "Button"},
-        {0x0A, "Ordinal"},            {0x0B, "Telephony"},
-        {0x0C, "Consumer"},           {0x0D, "Digitizer"},
-        {0x0E, "reserved"},           {0x0F, "PID"},
-        {0x10, "Unicode"},            {0x11, "reserved"},
-        {0x13, "reserved"},           {0x14, "Alphanumeric Display"},
-        {0x15, "reserved"},           {0x3F, "reserved"},
-        {0x40, "Medical Instruments"}, {0x41, "reserved"},
-        {0x7F, "reserved"},           {0x80, "Monitor"},
-        {0x83, "Monitor"},            {0x84, "Power"},
-        {0x87, "Power"},              {0x88, "reserved"},
-        {0x8B, "reserved"},           {0x8C, "Bar Code Scanner"},
-        {0x8D, "Scale"},              {0x8E, "Magnetic Stripe Reading (MSR)"},
-        {0x8F, "Reserved Point of Sale"}, {0x90, "Camera Control"},
-        {0x91, "Arcade"},             {0x92, "reserved"},
-        {0xFEFF, "reserved"},         {0xFF00, "vendor specific"},
-        {0xFFFF, "vendor specific"},  {0x10000, "invalid"},
-        {0xFFFFFFFF, "invalid"},
+        {0x00, "Undefined"}, {0x01, "Generic Desktop"}, {0x02, "Simulation"}, {0x03, "VR"}, {0x04, "Sport"},
+        {0x05, "Game"}, {0x06, "Generic Device"}, {0x07, "Keyboard"}, {0x08, "LED"}, {0x09, "Button"},
+        {0x0A, "Ordinal"}, {0x0B, "Telephony"}, {0x0C, "Consumer"}, {0x0D, "Digitizer"}, {0x0E, "reserved"},
+        {0x0F, "PID"}, {0x10, "Unicode"}, {0x11, "reserved"}, {0x13, "reserved"},
+        {0x14, "Alphanumeric Display"}, {0x15, "reserved"}, {0x3F, "reserved"}, {0x40, "Medical Instruments"},
+        {0x41, "reserved"}, {0x7F, "reserved"}, {0x80, "Monitor"}, {0x83, "Monitor"}, {0x84, "Power"},
+        {0x87, "Power"}, {0x88, "reserved"}, {0x8B, "reserved"}, {0x8C, "Bar Code Scanner"}, {0x8D, "Scale"},
+        {0x8E, "Magnetic Stripe Reading (MSR)"}, {0x8F, "Reserved Point of Sale"}, {0x90, "Camera Control"},
+        {0x91, "Arcade"}, {0x92, "reserved"}, {0xFEFF, "reserved"}, {0xFF00, "vendor specific"},
+        {0xFFFF, "vendor specific"}, {0x10000, "invalid"}, {0xFFFFFFFF, "invalid"},
     };
     for (const auto& c : cases)
         EXPECT_STREQ(c.name, HidReportDescriptorParser::GetUsagePageStr(c.page)) << std::hex << c.page;
