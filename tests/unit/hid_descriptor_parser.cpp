@@ -122,7 +122,8 @@ TEST_F(ParserTest, ByteLengthsAndNumbering)
         {InputBits(8, 64), 64, 0, false},
         {Cat({ReportId(1), InputBits(8, 63)}), 63, 0, true}, // the ID byte is not counted
         {Cat({InputBits(12, 3), ReportSize(1), ReportCount(9), Output()}), 5, 2, false}, // bits round up
-        {Cat({InputBits(8, 4), ReportId(7), ReportSize(8), ReportCount(4), Output()}), 4, 4, false}, // numbered output only
+        // A numbered output report leaves input unnumbered.
+        {Cat({InputBits(8, 4), ReportId(7), ReportSize(8), ReportCount(4), Output()}), 4, 4, false},
         {InputBits(32, 2), 8, 0, false},                                   // the widest field there is
         {Cat({Collection(1), Collection(2), InputBits(8, 3)}), 3, 0, false}, // no End Collection: accepted
     };

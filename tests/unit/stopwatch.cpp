@@ -92,7 +92,8 @@ TEST_F(StopwatchTest, ClockReadingBeforeTheStartIsNotPossible)
         {"NanoSeconds", &LxStopwatch::ElapsedNanoSeconds},
     };
     for (const auto& r : readings)
-        EXPECT_EQ(before + "long int LxStopwatch::Elapsed" + r.first + "() const: ElapsedTime failed, err = 0xE0000031\n",
+        EXPECT_EQ(before + "long int LxStopwatch::Elapsed" + r.first +
+                      "() const: ElapsedTime failed, err = 0xE0000031\n",
                   CaptureTrace([&] { EXPECT_EQ(0, (sw.*r.second)()); }));
 
     // With the error class off, the failure is silent but still 0.

@@ -63,7 +63,8 @@ TEST_F(StringTest, LCopyAndLCatCutAtTheLimitAndReturnTheTerminator)
         {true, "abcd", 8, "", "abcd"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.cat ? "LCat " : "LCopy ") + c.start + "+" + c.source + " " + std::to_string(c.limit));
+        SCOPED_TRACE(std::string(c.cat ? "LCat " : "LCopy ") + c.start + "+" + c.source + " " +
+                     std::to_string(c.limit));
         char buf[8];
         memset(buf, '#', sizeof(buf));
         if (c.cat)
@@ -250,24 +251,24 @@ TEST_F(StringTest, Equality)
 
 TEST_F(StringTest, ReplaceChars)
 {
-    char s[] = "a-b_c";
-    EXPECT_EQ(2u, TbReplaceCharsInString(s, "-_", ' '));
-    EXPECT_STREQ("a b c", s);
-
-    // A character listed twice counts twice for one replacement.
-    char t[] = "x-y";
-    EXPECT_EQ(2u, TbReplaceCharsInString(t, "--", '+'));
-    EXPECT_STREQ("x+y", t);
-
-    // Matching uses the value before replacement.
-    char u[] = "a";
-    EXPECT_EQ(1u, TbReplaceCharsInString(u, "ab", 'b'));
-    EXPECT_STREQ("b", u);
-
+    struct {
+        const char *in, *chars;
+        char with;
+        unsigned int count;
+        const char* out;
+    } const cases[] = {
+        {"a-b_c", "-_", ' ', 2, "a b c"}, {"abc", "", 'x', 0, "abc"},
+        {"x-y", "--", '+', 2, "x+y"}, // a character listed twice counts twice for one replacement
+        {"a", "ab", 'b', 1, "b"},     // matching uses the value before replacement
+    };
+    for (const auto& c : cases) {
+        char buf[8];
+        strcpy(buf, c.in);
+        EXPECT_EQ(c.count, TbReplaceCharsInString(buf, c.chars, c.with)) << c.in;
+        EXPECT_STREQ(c.out, buf);
+    }
     char v[] = "abc";
-    EXPECT_EQ(0u, TbReplaceCharsInString(v, "", 'x'));
     EXPECT_EQ(0u, TbReplaceCharInString(v, '\0', 'x'));
-    EXPECT_STREQ("abc", v);
     EXPECT_EQ(1u, TbReplaceCharInString(v, 'b', 'B'));
     EXPECT_STREQ("aBc", v);
 
@@ -379,7 +380,8 @@ TEST_F(StringTest, HexDigits)
 
 TEST(BitOpsTest, ReverseByte)
 {
-    const unsigned char cases[][2] = {{0x01, 0x80}, {0x00, 0x00}, {0xFF, 0xFF}, {0xF0, 0x0F}, {0xA5, 0xA5}, {0x34, 0x2C}};
+    const unsigned char cases[][2] = {{0x01, 0x80}, {0x00, 0x00}, {0xFF, 0xFF},
+                                      {0xF0, 0x0F}, {0xA5, 0xA5}, {0x34, 0x2C}};
     for (const auto& c : cases)
         EXPECT_EQ(c[1], TbReverseByte(c[0])) << int(c[0]);
     for (int i = 0; i < 8; i++)

@@ -66,7 +66,8 @@ TEST_F(VersionTest, TraceLinesByMask)
     };
     for (const auto& c : cases) {
         const int compatible = c.major == 1 && c.minor == 0;
-        EXPECT_EQ(c.expected, CaptureTrace(c.mask, [&] { EXPECT_EQ(compatible, KARVEX_CheckApiVersion(c.major, c.minor)); }))
-            << c.mask << " " << c.major << "." << c.minor;
+        SCOPED_TRACE(std::to_string(c.mask) + " " + std::to_string(c.major) + "." + std::to_string(c.minor));
+        EXPECT_EQ(c.expected,
+                  CaptureTrace(c.mask, [&] { EXPECT_EQ(compatible, KARVEX_CheckApiVersion(c.major, c.minor)); }));
     }
 }
