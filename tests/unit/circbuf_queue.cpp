@@ -221,7 +221,7 @@ TEST_F(QueueTest, QueueWithoutSlotsRefusesAndAsserts)
     EXPECT_FALSE(q.Get(buf, 0));
 }
 
-TEST_F(QueueTest, ClearSecondAllocateAndFreeDiscardMessages)
+TEST_F(QueueTest, ClearSecondAllocateFreeAndFailedAllocateDiscardMessages)
 {
     KarvexStaticQueue q;
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 3));
@@ -250,17 +250,12 @@ TEST_F(QueueTest, ClearSecondAllocateAndFreeDiscardMessages)
     EXPECT_TRUE(q.IsEmpty());
     EXPECT_EQ(0u, q.SlotCount());
     EXPECT_EQ(0u, q.SlotSize());
-}
 
-TEST_F(QueueTest, AllocationFailureLeavesTheQueueDetached)
-{
-    KarvexStaticQueue q;
+    // A failed allocation leaves the queue detached. More slot memory than
+    // 32 bits can describe:
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
     ASSERT_TRUE(q.Put("abcd", 4));
-    TSTATUS st = TSTATUS_SUCCESS;
-    // More than the 32-bit size of the slot memory can describe.
-    std::string out = CaptureTrace([&] { st = q.Allocate(0x10000, 0x10001); });
-    EXPECT_EQ(TSTATUS_NO_MEMORY, st);
+    std::string out = CaptureTrace([&] { EXPECT_EQ(TSTATUS_NO_MEMORY, q.Allocate(0x10000, 0x10001)); });
     EXPECT_EQ("TSTATUS KarvexStaticQueue::Allocate(unsigned int, unsigned int): AllocateBuffer failed\n", out);
     EXPECT_FALSE(q.IsValid());
     EXPECT_TRUE(q.IsEmpty());
@@ -285,7 +280,7 @@ TEST_F(QueueTest, CopiesAreOfTheGivenLengthOnly)
     EXPECT_EQ(0, memcmp(buf, "12--", 4));
 }
 
-TEST_F(QueueTest, OversizedMessageAssertsAndStaysInsideItsSlot)
+TEST_F(QueueTest, OversizedMessageAssertsAndStaysInsideItsSlotNullDataAsserts)
 {
     KarvexStaticQueue q;
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
@@ -298,13 +293,8 @@ TEST_F(QueueTest, OversizedMessageAssertsAndStaysInsideItsSlot)
     out = CaptureTrace([&] { EXPECT_TRUE(q.Get(big, 8)); });
     EXPECT_TRUE(AreAssertions(out, kQueueFile, {"dataBufferLength <= mCircBuffer.SlotSize()"})) << out;
     EXPECT_EQ(0, memcmp(big, "2222----", 8));
-}
 
-TEST_F(QueueTest, NullDataAsserts)
-{
-    KarvexStaticQueue q;
-    ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
-    std::string out = CaptureTrace([&] { q.Put(nullptr, 0); });
+    out = CaptureTrace([&] { q.Put(nullptr, 0); });
     EXPECT_TRUE(AreAssertions(out, kQueueFile, {"NULL != data"})) << out;
     out = CaptureTrace([&] { q.Get(nullptr, 0); });
     EXPECT_TRUE(AreAssertions(out, kQueueFile, {"NULL != dataBuffer"})) << out;
