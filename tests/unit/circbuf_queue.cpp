@@ -66,23 +66,6 @@ bool Consume(KarvexStaticQueue& q, const std::atomic<bool>& done, std::vector<un
 
 } // namespace
 
-TEST_F(CircBufTest, UnattachedControllerIsEmptyAndFull)
-{
-    TbCircBufController c;
-    EXPECT_FALSE(c.IsValid());
-    EXPECT_TRUE(c.IsEmpty());
-    EXPECT_TRUE(c.IsFull());
-    EXPECT_EQ(nullptr, c.GetWritePointer());
-    EXPECT_EQ(nullptr, c.GetReadPointer());
-    EXPECT_EQ(0u, c.SlotsFree());
-    std::string out = CaptureTrace([&] {
-        c.IncWritePointer();
-        c.IncReadPointer();
-    });
-    EXPECT_TRUE(AreAssertions(out, kControllerFile, {"!IsFull()", "!IsEmpty()"})) << out;
-    EXPECT_EQ(0u, c.SlotsUsed());
-}
-
 TEST_F(CircBufTest, PointersAdvanceAndWrap)
 {
     unsigned char space[3 * 4];
@@ -127,10 +110,23 @@ TEST_F(CircBufTest, PointersAdvanceAndWrap)
     EXPECT_EQ(space + 4, c.GetWritePointer());
 }
 
-TEST_F(CircBufTest, ResetAttachDetachAndCopy)
+TEST_F(CircBufTest, UnattachedIsEmptyAndFullAttachResetDetachAndCopy)
 {
-    unsigned char space[2 * 8];
     TbCircBufController c;
+    EXPECT_FALSE(c.IsValid());
+    EXPECT_TRUE(c.IsEmpty());
+    EXPECT_TRUE(c.IsFull());
+    EXPECT_EQ(nullptr, c.GetWritePointer());
+    EXPECT_EQ(nullptr, c.GetReadPointer());
+    EXPECT_EQ(0u, c.SlotsFree());
+    std::string out = CaptureTrace([&] {
+        c.IncWritePointer();
+        c.IncReadPointer();
+    });
+    EXPECT_TRUE(AreAssertions(out, kControllerFile, {"!IsFull()", "!IsEmpty()"})) << out;
+    EXPECT_EQ(0u, c.SlotsUsed());
+
+    unsigned char space[2 * 8];
     c.AttachBufferSpace(space, 2, 8);
     c.IncWritePointer();
     TbCircBufController copy = c;
