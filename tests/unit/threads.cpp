@@ -37,13 +37,6 @@ protected:
 
 } // namespace
 
-TEST_F(PxThreadTest, JoinWithoutThreadReturnsZeroAtOnce)
-{
-    EXPECT_EQ(0, mThread.Join(nullptr, -1));
-    EXPECT_EQ(0, mThread.Join(nullptr, 0));
-    EXPECT_FALSE(mThread.IsRunning());
-}
-
 TEST_F(PxThreadTest, JoinReturnsTheResultAndASecondCreateWaitsForIt)
 {
     int token = 0;
@@ -78,8 +71,11 @@ TEST_F(PxThreadTest, TimedJoinOfRunningThreadTimesOutAndLeavesItJoinable)
     EXPECT_EQ(1, mRuns.load());
 }
 
-TEST_F(PxThreadTest, TimedJoinOfFinishedThreadJoinsWithoutWaiting)
+TEST_F(PxThreadTest, JoinOfNoThreadOrAFinishedOneReturnsAtOnce)
 {
+    EXPECT_EQ(0, mThread.Join(nullptr, -1));
+    EXPECT_EQ(0, mThread.Join(nullptr, 0));
+    EXPECT_FALSE(mThread.IsRunning());
     mGate.Set();
     ASSERT_EQ(0, mThread.Create(&mForwarder, nullptr));
     // Once the routine has returned, a zero time-out must succeed.
