@@ -194,7 +194,7 @@ TEST_F(ParserTest, FailuresNameTheItemAndKeepWhatWasBuilt)
          kMain + ": collection underflow\n" + kParse + ": ParseMainItem failed (bTag:0x0c)\n", 0, 0},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.trace);
+        SCOPED_TRACE(testing::Message() << "row " << (&c - cases) << ": " << c.trace);
         Descriptor d(c.bytes);
         EXPECT_EQ(c.trace, CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); }));
         EXPECT_EQ(c.maxInput, d->MaxInputReportByteLength());
