@@ -149,7 +149,7 @@ TEST_F(TraceTest, DumpLayouts)
               }));
 }
 
-TEST_F(TraceTest, DumpOffsetWrapsAtSixtyFourKilobytes)
+TEST_F(TraceTest, DumpOffsetWrapsAtSixtyFourKilobytesAndVeryLongLinesComeOutWhole)
 {
     std::vector<unsigned char> data(0x10000 + 20, 0x55);
     std::string out = CaptureTrace([&] { DumpBytesEx(data.data(), static_cast<unsigned int>(data.size()), 16); });
@@ -161,18 +161,14 @@ TEST_F(TraceTest, DumpOffsetWrapsAtSixtyFourKilobytes)
     EXPECT_EQ("0010: 55 55 55 55 ", lines[4097].substr(0, 18));
     for (const std::string& l : lines)
         ASSERT_EQ(6u + 16u * 3u + 16u, l.size());
-}
 
-TEST_F(TraceTest, DumpWithVeryLongLines)
-{
     // A line wider than any fixed buffer in the dump still comes out whole.
-    std::vector<unsigned char> data(1000);
-    for (size_t i = 0; i < data.size(); i++)
+    for (size_t i = 0; i < 1000; i++)
         data[i] = static_cast<unsigned char>('a' + i % 26);
-    std::string out = CaptureTrace([&] { DumpBytesEx(data.data(), 1000, 1000); });
+    out = CaptureTrace([&] { DumpBytesEx(data.data(), 1000, 1000); });
     ASSERT_EQ(6u + 3000u + 1000u + 1u, out.size());
     EXPECT_EQ("0000: 61 62 63 ", out.substr(0, 15));
-    EXPECT_EQ(std::string(data.begin(), data.end()) + "\n", out.substr(3006));
+    EXPECT_EQ(std::string(data.begin(), data.begin() + 1000) + "\n", out.substr(3006));
 }
 
 namespace {
