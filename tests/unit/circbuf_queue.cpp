@@ -49,24 +49,22 @@ protected:
 
 typedef QueueTest CircBufTest;
 
-} // namespace
-
-TEST_F(CircBufTest, UnattachedControllerIsEmptyAndFull)
+// Reads until the producer is done and the queue is empty; false when a wait
+// for the next message ran out.
+bool Consume(KarvexStaticQueue& q, const std::atomic<bool>& done, std::vector<unsigned int>& received)
 {
-    TbCircBufController c;
-    EXPECT_FALSE(c.IsValid());
-    EXPECT_TRUE(c.IsEmpty());
-    EXPECT_TRUE(c.IsFull());
-    EXPECT_EQ(nullptr, c.GetWritePointer());
-    EXPECT_EQ(nullptr, c.GetReadPointer());
-    EXPECT_EQ(0u, c.SlotsFree());
-    std::string out = CaptureTrace([&] {
-        c.IncWritePointer();
-        c.IncReadPointer();
-    });
-    EXPECT_TRUE(AreAssertions(out, kControllerFile, {"!IsFull()", "!IsEmpty()"})) << out;
-    EXPECT_EQ(0u, c.SlotsUsed());
+    for (;;) {
+        unsigned int v;
+        if (q.Get(&v, sizeof(v)))
+            received.push_back(v);
+        else if (done.load() && q.IsEmpty())
+            return true;
+        else if (!q.WaitWithTimeout(ktest::kWaitLimit.count())) // manual reset: a wake-up may find it empty
+            return false;
+    }
 }
+
+} // namespace
 
 TEST_F(CircBufTest, PointersAdvanceAndWrap)
 {
@@ -112,10 +110,23 @@ TEST_F(CircBufTest, PointersAdvanceAndWrap)
     EXPECT_EQ(space + 4, c.GetWritePointer());
 }
 
-TEST_F(CircBufTest, ResetAttachDetachAndCopy)
+TEST_F(CircBufTest, UnattachedIsEmptyAndFullAttachResetDetachAndCopy)
 {
-    unsigned char space[2 * 8];
     TbCircBufController c;
+    EXPECT_FALSE(c.IsValid());
+    EXPECT_TRUE(c.IsEmpty());
+    EXPECT_TRUE(c.IsFull());
+    EXPECT_EQ(nullptr, c.GetWritePointer());
+    EXPECT_EQ(nullptr, c.GetReadPointer());
+    EXPECT_EQ(0u, c.SlotsFree());
+    std::string out = CaptureTrace([&] {
+        c.IncWritePointer();
+        c.IncReadPointer();
+    });
+    EXPECT_TRUE(AreAssertions(out, kControllerFile, {"!IsFull()", "!IsEmpty()"})) << out;
+    EXPECT_EQ(0u, c.SlotsUsed());
+
+    unsigned char space[2 * 8];
     c.AttachBufferSpace(space, 2, 8);
     c.IncWritePointer();
     TbCircBufController copy = c;
@@ -130,11 +141,10 @@ TEST_F(CircBufTest, ResetAttachDetachAndCopy)
     EXPECT_TRUE(c.IsFull());
 }
 
-TEST_F(QueueTest, FullQueueRefusesTheNewMessage)
+TEST_F(QueueTest, FullQueueRefusesTheNewMessageOrDropsTheOldest)
 {
     KarvexStaticQueue q;
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
-    EXPECT_TRUE(q.IsValid());
     EXPECT_EQ(2u, q.SlotCount());
     EXPECT_EQ(4u, q.SlotSize());
     EXPECT_FALSE(q.Event().IsSet());
@@ -143,19 +153,13 @@ TEST_F(QueueTest, FullQueueRefusesTheNewMessage)
     EXPECT_TRUE(q.Put("M2..", 4));
     EXPECT_TRUE(q.IsFull());
     EXPECT_FALSE(q.Put("M3..", 4));
-    EXPECT_EQ(2u, q.SlotsUsed());
     EXPECT_EQ("M1..", GetString(q, 4));
     EXPECT_TRUE(q.Event().IsSet());
     EXPECT_EQ("M2..", GetString(q, 4));
     EXPECT_FALSE(q.Event().IsSet());
-    EXPECT_TRUE(q.IsEmpty());
     EXPECT_EQ("<empty>", GetString(q, 4));
-}
 
-TEST_F(QueueTest, ForceOverwriteDropsTheOldestMessage)
-{
-    KarvexStaticQueue q;
-    ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
+    // Forced: false says the oldest message was dropped.
     EXPECT_TRUE(q.PutForceOverwrite("M1..", 4));
     EXPECT_TRUE(q.PutForceOverwrite("M2..", 4));
     EXPECT_FALSE(q.PutForceOverwrite("M3..", 4));
@@ -163,42 +167,30 @@ TEST_F(QueueTest, ForceOverwriteDropsTheOldestMessage)
     EXPECT_EQ("M2..", GetString(q, 4));
     EXPECT_EQ("M3..", GetString(q, 4));
     EXPECT_FALSE(q.Event().IsSet());
-    // Not full any more: no drop.
-    EXPECT_TRUE(q.PutForceOverwrite("M4..", 4));
+    EXPECT_TRUE(q.PutForceOverwrite("M4..", 4)); // not full any more: no drop
     EXPECT_EQ("M4..", GetString(q, 4));
 }
 
-TEST_F(QueueTest, GetOnEmptyQueueLeavesTheEventAlone)
+TEST_F(QueueTest, EventFollowsTheMessagesNotTheGets)
 {
     KarvexStaticQueue q;
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
     char buf[4];
+    EXPECT_FALSE(q.WaitWithTimeout(10));
     EXPECT_FALSE(q.Get(buf, 4));
     EXPECT_FALSE(q.Event().IsSet());
+    ASSERT_TRUE(q.Put("abcd", 4));
+    EXPECT_TRUE(q.WaitWithTimeout(0));
+    q.Wait();
+    EXPECT_EQ("abcd", GetString(q, 4));
+    EXPECT_FALSE(q.WaitWithTimeout(0));
+    // A Get on an empty queue leaves a set event alone.
     q.SetEvent();
     EXPECT_FALSE(q.Get(buf, 4));
-    EXPECT_TRUE(q.Event().IsSet());
     EXPECT_TRUE(q.WaitWithTimeout(0));
 }
 
-TEST_F(QueueTest, ZeroSlotsAllocateWithoutMemory)
-{
-    KarvexStaticQueue q;
-    EXPECT_EQ(TSTATUS_SUCCESS, q.Allocate(16, 0));
-    EXPECT_FALSE(q.IsValid());
-    EXPECT_EQ(0u, q.SlotCount());
-    std::string out = CaptureTrace([&] {
-        EXPECT_FALSE(q.Put("x", 1));
-        EXPECT_FALSE(q.PutForceOverwrite("x", 1));
-    });
-    EXPECT_TRUE(AreAssertions(out, kQueueFile, {"mCircBuffer.IsValid()", "mCircBuffer.IsValid()"})) << out;
-    EXPECT_FALSE(q.Event().IsSet());
-    char buf[1];
-    TPosixSetTraceMask(0);
-    EXPECT_FALSE(q.Get(buf, 0));
-}
-
-TEST_F(QueueTest, UnallocatedQueueRefusesAndAsserts)
+TEST_F(QueueTest, QueueWithoutSlotsRefusesAndAsserts)
 {
     KarvexStaticQueue q;
     EXPECT_FALSE(q.IsValid());
@@ -210,9 +202,22 @@ TEST_F(QueueTest, UnallocatedQueueRefusesAndAsserts)
     out = CaptureTrace([&] { EXPECT_FALSE(q.Get(buf, 4)); });
     EXPECT_TRUE(AreAssertions(out, kQueueFile, {"mCircBuffer.IsValid()", "dataBufferLength <= mCircBuffer.SlotSize()"}))
         << out;
+
+    // Zero slots allocate no memory and leave the queue just as unusable.
+    EXPECT_EQ(TSTATUS_SUCCESS, q.Allocate(16, 0));
+    EXPECT_FALSE(q.IsValid());
+    EXPECT_EQ(0u, q.SlotCount());
+    out = CaptureTrace([&] {
+        EXPECT_FALSE(q.Put("x", 1));
+        EXPECT_FALSE(q.PutForceOverwrite("x", 1));
+    });
+    EXPECT_TRUE(AreAssertions(out, kQueueFile, {"mCircBuffer.IsValid()", "mCircBuffer.IsValid()"})) << out;
+    EXPECT_FALSE(q.Event().IsSet());
+    TPosixSetTraceMask(0);
+    EXPECT_FALSE(q.Get(buf, 0));
 }
 
-TEST_F(QueueTest, ClearSecondAllocateAndFreeDiscardMessages)
+TEST_F(QueueTest, ClearSecondAllocateFreeAndFailedAllocateDiscardMessages)
 {
     KarvexStaticQueue q;
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 3));
@@ -241,17 +246,12 @@ TEST_F(QueueTest, ClearSecondAllocateAndFreeDiscardMessages)
     EXPECT_TRUE(q.IsEmpty());
     EXPECT_EQ(0u, q.SlotCount());
     EXPECT_EQ(0u, q.SlotSize());
-}
 
-TEST_F(QueueTest, AllocationFailureLeavesTheQueueDetached)
-{
-    KarvexStaticQueue q;
+    // A failed allocation leaves the queue detached. More slot memory than
+    // 32 bits can describe:
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
     ASSERT_TRUE(q.Put("abcd", 4));
-    TSTATUS st = TSTATUS_SUCCESS;
-    // More than the 32-bit size of the slot memory can describe.
-    std::string out = CaptureTrace([&] { st = q.Allocate(0x10000, 0x10001); });
-    EXPECT_EQ(TSTATUS_NO_MEMORY, st);
+    std::string out = CaptureTrace([&] { EXPECT_EQ(TSTATUS_NO_MEMORY, q.Allocate(0x10000, 0x10001)); });
     EXPECT_EQ("TSTATUS KarvexStaticQueue::Allocate(unsigned int, unsigned int): AllocateBuffer failed\n", out);
     EXPECT_FALSE(q.IsValid());
     EXPECT_TRUE(q.IsEmpty());
@@ -276,7 +276,7 @@ TEST_F(QueueTest, CopiesAreOfTheGivenLengthOnly)
     EXPECT_EQ(0, memcmp(buf, "12--", 4));
 }
 
-TEST_F(QueueTest, OversizedMessageAssertsAndStaysInsideItsSlot)
+TEST_F(QueueTest, OversizedMessageAssertsAndStaysInsideItsSlotNullDataAsserts)
 {
     KarvexStaticQueue q;
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
@@ -289,87 +289,36 @@ TEST_F(QueueTest, OversizedMessageAssertsAndStaysInsideItsSlot)
     out = CaptureTrace([&] { EXPECT_TRUE(q.Get(big, 8)); });
     EXPECT_TRUE(AreAssertions(out, kQueueFile, {"dataBufferLength <= mCircBuffer.SlotSize()"})) << out;
     EXPECT_EQ(0, memcmp(big, "2222----", 8));
-}
 
-TEST_F(QueueTest, NullDataAsserts)
-{
-    KarvexStaticQueue q;
-    ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
-    std::string out = CaptureTrace([&] { q.Put(nullptr, 0); });
+    out = CaptureTrace([&] { q.Put(nullptr, 0); });
     EXPECT_TRUE(AreAssertions(out, kQueueFile, {"NULL != data"})) << out;
     out = CaptureTrace([&] { q.Get(nullptr, 0); });
     EXPECT_TRUE(AreAssertions(out, kQueueFile, {"NULL != dataBuffer"})) << out;
 }
 
-TEST_F(QueueTest, FifoOrderAcrossManyWraps)
-{
-    KarvexStaticQueue q;
-    ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(sizeof(unsigned int), 3));
-    unsigned int next = 0;
-    unsigned int expected = 0;
-    for (int round = 0; round < 50; round++) {
-        int puts = 1 + round % 3;
-        for (int i = 0; i < puts && !q.IsFull(); i++) {
-            ASSERT_TRUE(q.Put(&next, sizeof(next)));
-            next++;
-        }
-        int gets = 1 + (round + 1) % 3;
-        for (int i = 0; i < gets; i++) {
-            unsigned int v;
-            if (!q.Get(&v, sizeof(v)))
-                break;
-            ASSERT_EQ(expected, v);
-            expected++;
-        }
-    }
-    EXPECT_EQ(next - expected, q.SlotsUsed());
-}
-
-TEST_F(QueueTest, WaitWithTimeoutFollowsTheEvent)
-{
-    KarvexStaticQueue q;
-    ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(4, 2));
-    EXPECT_FALSE(q.WaitWithTimeout(10));
-    ASSERT_TRUE(q.Put("abcd", 4));
-    EXPECT_TRUE(q.WaitWithTimeout(0));
-    q.Wait();
-    EXPECT_EQ("abcd", GetString(q, 4));
-    EXPECT_FALSE(q.WaitWithTimeout(0));
-}
-
+// Many wraps of a small ring, in FIFO order, with spurious wake-ups.
 TEST_F(QueueTest, ProducerAndConsumerThreadsLoseNothing)
 {
     const unsigned int count = 5000;
     KarvexStaticQueue q;
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(sizeof(unsigned int), 4));
-    std::atomic<bool> consumerFailed{false};
+    std::atomic<bool> done{false};
     std::vector<unsigned int> received;
-    std::thread consumer([&] {
-        while (received.size() < count) {
-            unsigned int v;
-            if (q.Get(&v, sizeof(v))) {
-                received.push_back(v);
-                continue;
-            }
-            // Manual-reset event: a wake-up may find the queue empty again.
-            if (!q.WaitWithTimeout(30000)) {
-                consumerFailed = true;
-                return;
-            }
-        }
-    });
+    bool consumed = false;
+    std::thread consumer([&] { consumed = Consume(q, done, received); });
     for (unsigned int i = 0; i < count; i++) {
         while (!q.Put(&i, sizeof(i)))
             std::this_thread::yield();
         if (i % 500 == 0)
             q.SetEvent(); // spurious wake-ups must be harmless
     }
+    done = true;
+    q.SetEvent();
     consumer.join();
-    ASSERT_FALSE(consumerFailed.load());
+    ASSERT_TRUE(consumed) << "timed out waiting for a message";
     ASSERT_EQ(count, received.size());
     for (unsigned int i = 0; i < count; i++)
         ASSERT_EQ(i, received[i]);
-    EXPECT_TRUE(q.IsEmpty());
 }
 
 TEST_F(QueueTest, OverwritingProducerKeepsOrderAndTheNewestMessage)
@@ -378,35 +327,20 @@ TEST_F(QueueTest, OverwritingProducerKeepsOrderAndTheNewestMessage)
     KarvexStaticQueue q;
     ASSERT_EQ(TSTATUS_SUCCESS, q.Allocate(sizeof(unsigned int), 3));
     std::atomic<bool> done{false};
-    std::atomic<unsigned int> dropped{0};
-    std::vector<unsigned int> received;
+    unsigned int dropped = 0;
     std::thread producer([&] {
-        for (unsigned int i = 0; i < count; i++) {
-            if (!q.PutForceOverwrite(&i, sizeof(i)))
-                dropped++;
-        }
+        for (unsigned int i = 0; i < count; i++)
+            dropped += q.PutForceOverwrite(&i, sizeof(i)) ? 0 : 1;
         done = true;
         q.SetEvent();
     });
-    bool timedOut = false;
-    for (;;) {
-        unsigned int v;
-        if (q.Get(&v, sizeof(v))) {
-            received.push_back(v);
-            continue;
-        }
-        if (done.load() && q.IsEmpty())
-            break;
-        if (!q.WaitWithTimeout(30000)) {
-            timedOut = true;
-            break;
-        }
-    }
+    std::vector<unsigned int> received;
+    const bool consumed = Consume(q, done, received);
     producer.join();
-    ASSERT_FALSE(timedOut);
+    ASSERT_TRUE(consumed) << "timed out waiting for a message";
     ASSERT_FALSE(received.empty());
     for (size_t i = 1; i < received.size(); i++)
         ASSERT_LT(received[i - 1], received[i]);
     EXPECT_EQ(count - 1, received.back());
-    EXPECT_EQ(count, received.size() + dropped.load());
+    EXPECT_EQ(count, received.size() + dropped);
 }

@@ -84,18 +84,15 @@ TEST(TbDList, InsertTailAndHeadKeepOrderAndLinks)
     EXPECT_EQ(&a, b.mLink.mPrev);
     EXPECT_TRUE(b.mLink.IsLinked());
     Drain(list);
-}
 
-TEST(TbDList, InsertAfterAndBefore)
-{
-    NodeList list;
-    Node a(1), b(2), c(3), d(4), e(5), f(6);
-    list.InsertAfter(nullptr, &c);   // null: at the head
-    list.InsertBefore(nullptr, &e);  // null: at the tail
-    list.InsertBefore(&c, &a);       // new head
-    list.InsertAfter(&a, &b);        // middle
-    list.InsertAfter(&c, &d);        // middle
-    list.InsertAfter(&e, &f);        // new tail
+    // Null positions insert at the head (after) and the tail (before).
+    Node d(4), e(5), f(6);
+    list.InsertAfter(nullptr, &b);
+    list.InsertBefore(nullptr, &e);
+    list.InsertBefore(&b, &a); // new head
+    list.InsertAfter(&b, &c);  // middle
+    list.InsertAfter(&c, &d);  // middle
+    list.InsertAfter(&e, &f);  // new tail
     EXPECT_EQ((std::vector<int>{1, 2, 3, 4, 5, 6}), Values(list));
     EXPECT_EQ(&a, list.Head());
     EXPECT_EQ(&f, list.Tail());
@@ -221,19 +218,8 @@ TEST(TbDList, DestroyingLinkedElementsAndNonEmptyListsIsReported)
     EXPECT_EQ("", out);
 }
 
-TEST(TbDList, InitClearsTheEntry)
-{
-    TbDListEntry<Node> e;
-    EXPECT_FALSE(e.IsLinked());
-    EXPECT_EQ(nullptr, e.mNext);
-    EXPECT_EQ(nullptr, e.mPrev);
-    EXPECT_EQ(nullptr, e.mList);
-}
-
-TEST(TbUsbVidPid, PairIsFourBytes)
-{
-    EXPECT_EQ(4u, sizeof(TbUsbVidPid));
-}
+// The pair is laid out as two 16-bit fields, nothing more.
+static_assert(sizeof(TbUsbVidPid) == 4, "a (VID, PID) pair is four bytes");
 
 TEST(TbUsbVidPid, ListKeepsOrderAndDuplicatesAndMatchesBothFields)
 {

@@ -69,12 +69,22 @@ Bytes Pop() { return {0xB4}; }
 // Fields of bits each, count of them, as one Input item.
 Bytes InputBits(T_UINT8 bits, T_UINT8 count) { return Cat({ReportSize(bits), ReportCount(count), Input()}); }
 
-unsigned ItemCount(HidCollection* c)
+// The items directly inside c, in order.
+std::vector<HidTreeItem*> Children(HidCollection* c)
 {
-    unsigned n = 0;
+    std::vector<HidTreeItem*> items;
     for (HidTreeItem* i = c->mSubItemList.Head(); i != nullptr; i = c->mSubItemList.Next(i))
-        ++n;
-    return n;
+        items.push_back(i);
+    return items;
+}
+
+// Their kinds: 'C' collection, 'R' report.
+std::string Kinds(HidCollection* c)
+{
+    std::string kinds;
+    for (HidTreeItem* i : Children(c))
+        kinds += i->mType == HidTreeItem_Collection ? 'C' : i->mType == HidTreeItem_Report ? 'R' : '?';
+    return kinds;
 }
 
 class ParserTest : public ::testing::Test {
@@ -112,7 +122,10 @@ TEST_F(ParserTest, ByteLengthsAndNumbering)
         {InputBits(8, 64), 64, 0, false},
         {Cat({ReportId(1), InputBits(8, 63)}), 63, 0, true}, // the ID byte is not counted
         {Cat({InputBits(12, 3), ReportSize(1), ReportCount(9), Output()}), 5, 2, false}, // bits round up
-        {Cat({InputBits(8, 4), ReportId(7), ReportSize(8), ReportCount(4), Output()}), 4, 4, false}, // numbered output only
+        // A numbered output report leaves input unnumbered.
+        {Cat({InputBits(8, 4), ReportId(7), ReportSize(8), ReportCount(4), Output()}), 4, 4, false},
+        {InputBits(32, 2), 8, 0, false},                                   // the widest field there is
+        {Cat({Collection(1), Collection(2), InputBits(8, 3)}), 3, 0, false}, // no End Collection: accepted
     };
     for (const auto& c : cases) {
         Descriptor d(c.bytes);
@@ -151,28 +164,42 @@ TEST_F(ParserTest, ReportsAreKeptPerTypeAndId)
     EXPECT_TRUE(d->IsNumberedInputReport());
 }
 
-TEST_F(ParserTest, ReportIdZeroIsRejectedInEveryWidth)
+// A failing item is named in the trace; what was built before it is still
+// answered from, and the global state keeps what the item stored.
+TEST_F(ParserTest, FailuresNameTheItemAndKeepWhatWasBuilt)
 {
-    for (const Bytes& item : {Bytes{0x84}, Bytes{0x85, 0x00}, Bytes{0x86, 0x00, 0x00}}) {
-        Descriptor d(Cat({InputBits(8, 2), item, InputBits(8, 3)}));
-        std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); });
-        EXPECT_EQ(kGlobal + ": invalid report id:0\n" + kParse + ": ParseGlobalItem failed (bTag:0x08)\n", out);
-        // What was built before the failure is still answered from.
-        EXPECT_EQ(2u, d->MaxInputReportByteLength());
+    const std::string idZero =
+        kGlobal + ": invalid report id:0\n" + kParse + ": ParseGlobalItem failed (bTag:0x08)\n";
+    const std::string cut = kParse + ": invalid item size:";
+    struct {
+        Bytes bytes;
+        std::string trace;
+        unsigned maxInput, reportSize;
+    } const cases[] = {
+        {Cat({InputBits(8, 2), Bytes{0x84}, InputBits(8, 3)}), idZero, 2, 8}, // report id 0 in every width
+        {Cat({InputBits(8, 2), Bytes{0x85, 0x00}, InputBits(8, 3)}), idZero, 2, 8},
+        {Cat({InputBits(8, 2), Bytes{0x86, 0x00, 0x00}, InputBits(8, 3)}), idZero, 2, 8},
+        {Cat({InputBits(8, 1), ReportSize(33), Input()}),
+         kGlobal + ": invalid report size:33\n" + kParse + ": ParseGlobalItem failed (bTag:0x07)\n", 1, 33},
+        {{0x75}, cut + "2\n", 0, 0},                       // only the prefix of a 1-byte item
+        {{0x95, 0x01, 0x76, 0x08}, cut + "3\n", 0, 0},     // 2-byte item, one byte left
+        {Cat({InputBits(8, 8), Bytes{0x81}}), cut + "2\n", 8, 8},
+        {{0x97, 0xAA, 0xBB}, cut + "4\n", 0, 0},           // 4-byte item one byte short
+        {{0xFF, 0x00}, cut + "4\n", 0, 0},                 // long item prefix: the size check comes first
+        {{0xFD, 0x00}, kParse + ": invalid bSize:0x01\n", 0, 0},  // long item tag with bSize 1
+        {{0xEE, 0x00, 0x00}, kParse + ": invalid bTag:0x0e\n", 0, 0}, // type 3 with tag 14
+        {Cat({InputBits(8, 3), Push(), Pop(), Pop(), InputBits(8, 9)}),
+         kGlobal + ": stack underflow\n" + kParse + ": ParseGlobalItem failed (bTag:0x0b)\n", 3, 8},
+        {Cat({Collection(1), EndCollection(), EndCollection()}),
+         kMain + ": collection underflow\n" + kParse + ": ParseMainItem failed (bTag:0x0c)\n", 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "row " << (&c - cases) << ": " << c.trace);
+        Descriptor d(c.bytes);
+        EXPECT_EQ(c.trace, CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); }));
+        EXPECT_EQ(c.maxInput, d->MaxInputReportByteLength());
+        EXPECT_EQ(c.reportSize, d->CurrentGlobal().mReportSize);
     }
-}
-
-TEST_F(ParserTest, ReportSizeAbove32FailsAfterBeingStored)
-{
-    Descriptor ok(Cat({InputBits(32, 2)}));
-    EXPECT_TRUE(ok->Parse());
-    EXPECT_EQ(8u, ok->MaxInputReportByteLength());
-
-    Descriptor d(Cat({InputBits(8, 1), ReportSize(33), Input()}));
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); });
-    EXPECT_EQ(kGlobal + ": invalid report size:33\n" + kParse + ": ParseGlobalItem failed (bTag:0x07)\n", out);
-    EXPECT_EQ(33u, d->CurrentGlobal().mReportSize);
-    EXPECT_EQ(1u, d->MaxInputReportByteLength());
 }
 
 TEST_F(ParserTest, HugeCountsWrapModulo32BitsWithoutFailing)
@@ -207,83 +234,48 @@ TEST(ParserData, DecodersByItemSize)
     EXPECT_EQ(0x7F00, HidReportDescriptorParser::GetSignedData(2, p));
 }
 
-TEST_F(ParserTest, OneByteMinimumIsUnsigned)
+// The whole global state after each descriptor, and the input bits it built.
+TEST_F(ParserTest, GlobalItemsDecodeBySizeAndSign)
 {
-    Descriptor d(Bytes{0x15, 0xFF, 0x25, 0x10, 0x35, 0x81, 0x55, 0xFE});
-    ASSERT_TRUE(d->Parse());
-    EXPECT_EQ(255, d->CurrentGlobal().mLogicalMinimum);
-    EXPECT_EQ(16, d->CurrentGlobal().mLogicalMaximum);
-    EXPECT_EQ(129, d->CurrentGlobal().mPhysicalMinimum);
-    EXPECT_EQ(254, d->CurrentGlobal().mUnitExponent);
-}
-
-TEST_F(ParserTest, MaximumIsSignedOnlyAfterANegativeMinimum)
-{
-    // Logical: minimum -32767, maximum 0x8000 -> -32768 (signed).
-    // Physical: minimum 0, maximum 0x8000 -> 32768 (unsigned).
-    Descriptor d(Bytes{0x16, 0x01, 0x80, 0x26, 0x00, 0x80, 0x36, 0x00, 0x00, 0x46, 0x00, 0x80});
-    ASSERT_TRUE(d->Parse());
-    EXPECT_EQ(-32767, d->CurrentGlobal().mLogicalMinimum);
-    EXPECT_EQ(-32768, d->CurrentGlobal().mLogicalMaximum);
-    EXPECT_EQ(0, d->CurrentGlobal().mPhysicalMinimum);
-    EXPECT_EQ(32768, d->CurrentGlobal().mPhysicalMaximum);
-
-    Descriptor p(Bytes{0x36, 0xFF, 0xFF, 0x46, 0xFE, 0xFF, 0x65, 0x11, 0x06, 0x34, 0x12});
-    ASSERT_TRUE(p->Parse());
-    EXPECT_EQ(-1, p->CurrentGlobal().mPhysicalMinimum);
-    EXPECT_EQ(-2, p->CurrentGlobal().mPhysicalMaximum);
-    EXPECT_EQ(0x11u, p->CurrentGlobal().mUnit);
-    EXPECT_EQ(0x1234u, p->CurrentGlobal().mUsagePage);
-}
-
-TEST_F(ParserTest, FourByteItemAdvancesThreeBytesButDecodesFour)
-{
-    // Report Count (bSize 3) 02 00 00; its fourth decoded byte is the next
-    // item's prefix (0x75), which is then parsed as an item of its own.
-    Descriptor d(Bytes{0x97, 0x02, 0x00, 0x00, 0x75, 0x08, 0x81, 0x02});
-    ASSERT_TRUE(d->Parse());
-    const T_UINT32 count = 0x75000002u;
-    EXPECT_EQ(count, d->CurrentGlobal().mReportCount);
-    EXPECT_EQ(8u, d->CurrentGlobal().mReportSize);
-    EXPECT_EQ(count * 8u, d->GetMaxReportSize(HidReportType_Input));
-}
-
-TEST_F(ParserTest, FourByteItemAtTheVeryEndReadsNothingBeyondTheDescriptor)
-{
-    // The last item's decoder wants a byte after the end: it reads as zero.
-    Descriptor d(Cat({InputBits(8, 4), Bytes{0x07, 0x01, 0x02, 0x03}}));
-    ASSERT_TRUE(d->Parse());
-    EXPECT_EQ(0x00030201u, d->CurrentGlobal().mUsagePage);
-    EXPECT_EQ(4u, d->MaxInputReportByteLength());
-
-    // The same for a 4-byte item that is the whole descriptor, and one that
-    // is cut short by a byte.
-    Descriptor only(Bytes{0x97, 0xAA, 0xBB, 0xCC});
-    ASSERT_TRUE(only->Parse());
-    EXPECT_EQ(0x00CCBBAAu, only->CurrentGlobal().mReportCount);
-    Descriptor cut(Bytes{0x97, 0xAA, 0xBB});
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(cut->Parse()); });
-    EXPECT_EQ(kParse + ": invalid item size:4\n", out);
+    auto fields = [](const HidReportDescriptorGlobal& g) {
+        return std::vector<long long>{g.mUsagePage,      g.mLogicalMinimum, g.mLogicalMaximum, g.mPhysicalMinimum,
+                                      g.mPhysicalMaximum, g.mUnitExponent,   g.mUnit,           g.mReportId,
+                                      g.mReportSize,      g.mReportCount};
+    };
+    struct {
+        const char* what;
+        Bytes bytes;
+        std::vector<long long> global; // page, logical min/max, physical min/max, exponent, unit, id, size, count
+        T_UINT32 inputBits;
+    } const cases[] = {
+        {"one-byte values are unsigned", {0x15, 0xFF, 0x25, 0x10, 0x35, 0x81, 0x55, 0xFE},
+         {0, 255, 16, 129, 0, 254, 0, 0, 0, 0}, 0},
+        // Logical maximum 0x8000 is signed after a negative minimum; physical, after minimum 0, is not.
+        {"maximum signed after a negative minimum",
+         {0x16, 0x01, 0x80, 0x26, 0x00, 0x80, 0x36, 0x00, 0x00, 0x46, 0x00, 0x80},
+         {0, -32767, -32768, 0, 32768, 0, 0, 0, 0, 0}, 0},
+        {"two-byte values", {0x36, 0xFF, 0xFF, 0x46, 0xFE, 0xFF, 0x65, 0x11, 0x06, 0x34, 0x12},
+         {0x1234, 0, 0, -1, -2, 0, 0x11, 0, 0, 0}, 0},
+        // bSize 3 advances three bytes but decodes four: the fourth is the
+        // next item's prefix (0x75), which is then parsed as an item of its own.
+        {"four-byte item", {0x97, 0x02, 0x00, 0x00, 0x75, 0x08, 0x81, 0x02},
+         {0, 0, 0, 0, 0, 0, 0, 0, 8, 0x75000002}, 0x75000002u * 8u},
+        // At the very end the missing fourth byte reads as zero, nothing beyond the descriptor.
+        {"four-byte item at the end", Cat({InputBits(8, 4), Bytes{0x07, 0x01, 0x02, 0x03}}),
+         {0x00030201, 0, 0, 0, 0, 0, 0, 0, 8, 4}, 32},
+        {"four-byte item is the whole descriptor", {0x97, 0xAA, 0xBB, 0xCC},
+         {0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00CCBBAA}, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Descriptor d(c.bytes);
+        ASSERT_TRUE(d->Parse());
+        EXPECT_EQ(c.global, fields(d->CurrentGlobal()));
+        EXPECT_EQ(c.inputBits, d->GetMaxReportSize(HidReportType_Input));
+    }
 }
 
 // ---- The item walk and its failures ----------------------------------------
-
-TEST_F(ParserTest, TruncatedItemsFailWithTheirSize)
-{
-    struct Case {
-        Bytes bytes;
-        unsigned itemSize;
-    } cases[] = {
-        {{0x75}, 2},                         // only the prefix of a 1-byte item
-        {{0x95, 0x01, 0x76, 0x08}, 3},       // 2-byte item, one byte left
-        {Cat({InputBits(8, 8), Bytes{0x81}}), 2},
-    };
-    for (const Case& c : cases) {
-        Descriptor d(c.bytes);
-        std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); });
-        EXPECT_EQ(kParse + ": invalid item size:" + std::to_string(c.itemSize) + "\n", out);
-    }
-}
 
 TEST_F(ParserTest, LongItemIsSkippedAndParsingGoesOn)
 {
@@ -298,32 +290,13 @@ TEST_F(ParserTest, LongItemIsSkippedAndParsingGoesOn)
     Descriptor e(Bytes{0xFE, 0x00, 0x22});
     out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_TRUE(e->Parse()); });
     EXPECT_EQ(kParse + ": long item: bDataSize:0 bLongItemTag:0x22\n", out);
-}
 
-TEST_F(ParserTest, LongItemAnnouncingMoreDataThanIsLeftEndsTheDescriptor)
-{
-    Descriptor d(Cat({InputBits(8, 2), Bytes{0xFE, 0xFF, 0x01, 0x00, 0x00}}));
-    EXPECT_TRUE(d->Parse());
-    EXPECT_EQ(2u, d->MaxInputReportByteLength());
-    // Header only, no data at all.
+    // More data announced than is left ends the descriptor, also with no data at all.
+    Descriptor more(Cat({InputBits(8, 2), Bytes{0xFE, 0xFF, 0x01, 0x00, 0x00}}));
+    EXPECT_TRUE(more->Parse());
+    EXPECT_EQ(2u, more->MaxInputReportByteLength());
     Descriptor h(Bytes{0xFE, 0x10, 0x01});
     EXPECT_TRUE(h->Parse());
-}
-
-TEST_F(ParserTest, LongItemWithWrongSizeOrTagFails)
-{
-    Descriptor wrongSize(Bytes{0xFD, 0x00}); // type 3, tag 15, bSize 1
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(wrongSize->Parse()); });
-    EXPECT_EQ(kParse + ": invalid bSize:0x01\n", out);
-
-    Descriptor wrongTag(Bytes{0xEE, 0x00, 0x00}); // type 3, tag 14, bSize 2
-    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(wrongTag->Parse()); });
-    EXPECT_EQ(kParse + ": invalid bTag:0x0e\n", out);
-
-    // bSize 3 at the end of the buffer: the size check comes first.
-    Descriptor cut(Bytes{0xFF, 0x00});
-    out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(cut->Parse()); });
-    EXPECT_EQ(kParse + ": invalid item size:4\n", out);
 }
 
 TEST_F(ParserTest, UnknownTagsAreAcceptedWithoutEffect)
@@ -368,12 +341,16 @@ TEST_F(ParserTest, VerboseTraceOfEachItem)
         kMain + ": new feature report (id:3 size:8 count:2)\n";
     EXPECT_EQ(expected, out);
 
-    // The remaining global traces.
-    Descriptor g(Bytes{0x25, 0x7F, 0x35, 0x02, 0x45, 0x09, 0x55, 0x0E, 0x65, 0x13});
+    // The remaining global traces, and usage ranges with their page; a 4-byte
+    // usage is traced raw: 01 00 09 and the next prefix 00.
+    Descriptor g(Bytes{0x25, 0x7F, 0x35, 0x02, 0x45, 0x09, 0x55, 0x0E, 0x65, 0x13, 0x05, 0x09, 0x19, 0x01, 0x2A,
+                       0x00, 0x01, 0x0B, 0x01, 0x00, 0x09, 0x00});
     out = CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { EXPECT_TRUE(g->Parse()); });
-    for (const char* line : {": logical maximum:127\n", ": physical minimum:2\n", ": physical maximum:9\n",
-                             ": unit exponent:14\n", ": unit:19\n"})
-        EXPECT_NE(std::string::npos, out.find(kGlobal + line)) << line;
+    for (const std::string& line :
+         {kGlobal + ": logical maximum:127\n", kGlobal + ": physical minimum:2\n", kGlobal + ": physical maximum:9\n",
+          kGlobal + ": unit exponent:14\n", kGlobal + ": unit:19\n", kLocal + ": page:9 usage minimum:1\n",
+          kLocal + ": page:9 usage maximum:256\n", kLocal + ": page:9 usage:589825\n"})
+        EXPECT_NE(std::string::npos, out.find(line)) << line;
 }
 
 TEST_F(ParserTest, ReparseStartsFromScratch)
@@ -383,7 +360,7 @@ TEST_F(ParserTest, ReparseStartsFromScratch)
     ASSERT_TRUE(d->Parse());
     EXPECT_EQ(6u, d->MaxInputReportByteLength());
     EXPECT_EQ(48u, d->LookupHidReport(HidReportType_Input, 2)->mSize);
-    EXPECT_EQ(2u, ItemCount(d->TopCollection()));
+    EXPECT_EQ(2u, Children(d->TopCollection()).size());
     d->Free();
     d->Free();
     EXPECT_EQ(0u, d->MaxInputReportByteLength());
@@ -403,24 +380,14 @@ TEST_F(ParserTest, PopRestoresTheStateBeforePush)
     EXPECT_EQ(1u, d->CurrentGlobal().mReportId);
     EXPECT_EQ(8u, d->CurrentGlobal().mReportSize);
     EXPECT_EQ(4u, d->CurrentGlobal().mReportCount);
-}
 
-TEST_F(ParserTest, NestedPushPopReturnsLevelByLevel)
-{
-    Descriptor d(Cat({ReportSize(1), Push(), ReportSize(2), Push(), ReportSize(3), Pop()}));
-    ASSERT_TRUE(d->Parse());
-    EXPECT_EQ(2u, d->CurrentGlobal().mReportSize);
-    Descriptor e(Cat({ReportSize(1), Push(), ReportSize(2), Push(), ReportSize(3), Pop(), Pop()}));
-    ASSERT_TRUE(e->Parse());
-    EXPECT_EQ(1u, e->CurrentGlobal().mReportSize);
-}
-
-TEST_F(ParserTest, PopWithoutPushFails)
-{
-    Descriptor d(Cat({InputBits(8, 3), Push(), Pop(), Pop(), InputBits(8, 9)}));
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(d->Parse()); });
-    EXPECT_EQ(kGlobal + ": stack underflow\n" + kParse + ": ParseGlobalItem failed (bTag:0x0b)\n", out);
-    EXPECT_EQ(3u, d->MaxInputReportByteLength());
+    // Nested pushes come back level by level.
+    Descriptor one(Cat({ReportSize(1), Push(), ReportSize(2), Push(), ReportSize(3), Pop()}));
+    ASSERT_TRUE(one->Parse());
+    EXPECT_EQ(2u, one->CurrentGlobal().mReportSize);
+    Descriptor two(Cat({ReportSize(1), Push(), ReportSize(2), Push(), ReportSize(3), Pop(), Pop()}));
+    ASSERT_TRUE(two->Parse());
+    EXPECT_EQ(1u, two->CurrentGlobal().mReportSize);
 }
 
 TEST_F(ParserTest, ThousandsOfPushesAreFreedWithoutTrouble)
@@ -451,33 +418,20 @@ TEST_F(ParserTest, CollectionTreeFollowsTheDescriptor)
     EXPECT_EQ(nullptr, top->mItem.mParentCollection);
     EXPECT_EQ(0u, top->mType);
 
-    HidTreeItem* first = top->mSubItemList.Head();
-    ASSERT_NE(nullptr, first);
-    ASSERT_EQ(HidTreeItem_Collection, first->mType);
-    HidCollection* app = HidCollection::FromItem(first);
+    ASSERT_EQ("CR", Kinds(top));
+    HidCollection* app = HidCollection::FromItem(Children(top)[0]);
     EXPECT_EQ(1u, app->mType);
     EXPECT_EQ(top, app->mItem.mParentCollection);
-    HidTreeItem* feature = top->mSubItemList.Next(first);
-    ASSERT_NE(nullptr, feature);
-    EXPECT_EQ(HidTreeItem_Report, feature->mType);
-    EXPECT_EQ(HidReportType_Feature, HidReportItem::FromItem(feature)->mReportType);
-    EXPECT_EQ(nullptr, top->mSubItemList.Next(feature));
+    EXPECT_EQ(HidReportType_Feature, HidReportItem::FromItem(Children(top)[1])->mReportType);
 
     // Inside the application collection: report, collection, report.
-    HidTreeItem* a0 = app->mSubItemList.Head();
-    HidTreeItem* a1 = app->mSubItemList.Next(a0);
-    HidTreeItem* a2 = app->mSubItemList.Next(a1);
-    ASSERT_TRUE(a0 && a1 && a2);
-    EXPECT_EQ(nullptr, app->mSubItemList.Next(a2));
-    EXPECT_EQ(HidTreeItem_Report, a0->mType);
-    ASSERT_EQ(HidTreeItem_Collection, a1->mType);
-    EXPECT_EQ(HidTreeItem_Report, a2->mType);
-    HidCollection* logical = HidCollection::FromItem(a1);
+    ASSERT_EQ("RCR", Kinds(app));
+    HidCollection* logical = HidCollection::FromItem(Children(app)[1]);
     EXPECT_EQ(2u, logical->mType);
     EXPECT_EQ(app, logical->mItem.mParentCollection);
     // The report item keeps the global state of its time.
-    const HidReportItem* r0 = HidReportItem::FromItem(a0);
-    EXPECT_EQ(2u, r0->mGlobal.mReportCount);
+    HidTreeItem* a0 = Children(app)[0];
+    EXPECT_EQ(2u, HidReportItem::FromItem(a0)->mGlobal.mReportCount);
     EXPECT_EQ(app, a0->mParentCollection);
 
     EXPECT_EQ(48u, d->GetReportLengthInBitForCollection(top, HidReportType_Input, 0));
@@ -504,22 +458,9 @@ TEST_F(ParserTest, CollectionTypeComesFromTheFirstDataByte)
 {
     Descriptor d(Bytes{0xA0, 0xC0, 0xA2, 0x05, 0x01, 0xC0});
     ASSERT_TRUE(d->Parse());
-    HidTreeItem* c0 = d->TopCollection()->mSubItemList.Head();
-    HidTreeItem* c1 = d->TopCollection()->mSubItemList.Next(c0);
-    ASSERT_TRUE(c0 && c1);
-    EXPECT_EQ(0u, HidCollection::FromItem(c0)->mType);
-    EXPECT_EQ(5u, HidCollection::FromItem(c1)->mType);
-}
-
-TEST_F(ParserTest, EndCollectionAtTopFailsMissingEndIsAccepted)
-{
-    Descriptor under(Cat({Collection(1), EndCollection(), EndCollection()}));
-    std::string out = CaptureTrace(KARVEX_TRACE_ERROR, [&] { EXPECT_FALSE(under->Parse()); });
-    EXPECT_EQ(kMain + ": collection underflow\n" + kParse + ": ParseMainItem failed (bTag:0x0c)\n", out);
-
-    Descriptor open(Cat({Collection(1), Collection(2), InputBits(8, 3)}));
-    EXPECT_TRUE(open->Parse());
-    EXPECT_EQ(3u, open->MaxInputReportByteLength());
+    ASSERT_EQ("CC", Kinds(d->TopCollection()));
+    EXPECT_EQ(0u, HidCollection::FromItem(Children(d->TopCollection())[0])->mType);
+    EXPECT_EQ(5u, HidCollection::FromItem(Children(d->TopCollection())[1])->mType);
 }
 
 TEST_F(ParserTest, DeeplyNestedCollectionsAreWalkedAndFreedIteratively)
@@ -591,44 +532,22 @@ TEST_F(ParserTest, DescriptorsFullOfHugeUsageRangesParse)
     EXPECT_EQ(4095u / 10, CountOf(out, ": page:65535 usage maximum:65535\n"));
 }
 
-TEST_F(ParserTest, UsageRangeTraceShowsPageAndRawData)
-{
-    Descriptor d(Bytes{0x05, 0x09, 0x19, 0x01, 0x2A, 0x00, 0x01, 0x0B, 0x01, 0x00, 0x09, 0x00});
-    std::string out = CaptureTrace(KARVEX_TRACE_VERBOSE, [&] { EXPECT_TRUE(d->Parse()); });
-    EXPECT_NE(std::string::npos, out.find(kLocal + ": page:9 usage minimum:1\n"));
-    EXPECT_NE(std::string::npos, out.find(kLocal + ": page:9 usage maximum:256\n"));
-    // A 4-byte usage is traced raw: 01 00 09 and the next prefix 00.
-    EXPECT_NE(std::string::npos, out.find(kLocal + ": page:9 usage:589825\n"));
-}
-
 TEST(ParserUsagePages, Names)
 {
     struct {
         unsigned page;
         const char* name;
     } const cases[] = {
-        {0x00, "Undefined"},          {0x01, "Generic Desktop"},
-        {0x02, "Simulation"},         {0x03, "VR"},
-        {0x04, "Sport"},              {0x05, "Game"},
-        {0x06, "Generic Device"},     {0x07, "Keyboard"},
-        {0x08, "LED"},                {0x09, "Button"},
-        {0x0A, "Ordinal"},            {0x0B, "Telephony"},
-        {0x0C, "Consumer"},           {0x0D, "Digitizer"},
-        {0x0E, "reserved"},           {0x0F, "PID"},
-        {0x10, "Unicode"},            {0x11, "reserved"},
-        {0x13, "reserved"},           {0x14, "Alphanumeric Display"},
-        {0x15, "reserved"},           {0x3F, "reserved"},
-        {0x40, "Medical Instruments"}, {0x41, "reserved"},
-        {0x7F, "reserved"},           {0x80, "Monitor"},
-        {0x83, "Monitor"},            {0x84, "Power"},
-        {0x87, "Power"},              {0x88, "reserved"},
-        {0x8B, "reserved"},           {0x8C, "Bar Code Scanner"},
-        {0x8D, "Scale"},              {0x8E, "Magnetic Stripe Reading (MSR)"},
-        {0x8F, "Reserved Point of Sale"}, {0x90, "Camera Control"},
-        {0x91, "Arcade"},             {0x92, "reserved"},
-        {0xFEFF, "reserved"},         {0xFF00, "vendor specific"},
-        {0xFFFF, "vendor specific"},  {0x10000, "invalid"},
-        {0xFFFFFFFF, "invalid"},
+        {0x00, "Undefined"}, {0x01, "Generic Desktop"}, {0x02, "Simulation"}, {0x03, "VR"}, {0x04, "Sport"},
+        {0x05, "Game"}, {0x06, "Generic Device"}, {0x07, "Keyboard"}, {0x08, "LED"}, {0x09, "Button"},
+        {0x0A, "Ordinal"}, {0x0B, "Telephony"}, {0x0C, "Consumer"}, {0x0D, "Digitizer"}, {0x0E, "reserved"},
+        {0x0F, "PID"}, {0x10, "Unicode"}, {0x11, "reserved"}, {0x13, "reserved"},
+        {0x14, "Alphanumeric Display"}, {0x15, "reserved"}, {0x3F, "reserved"}, {0x40, "Medical Instruments"},
+        {0x41, "reserved"}, {0x7F, "reserved"}, {0x80, "Monitor"}, {0x83, "Monitor"}, {0x84, "Power"},
+        {0x87, "Power"}, {0x88, "reserved"}, {0x8B, "reserved"}, {0x8C, "Bar Code Scanner"}, {0x8D, "Scale"},
+        {0x8E, "Magnetic Stripe Reading (MSR)"}, {0x8F, "Reserved Point of Sale"}, {0x90, "Camera Control"},
+        {0x91, "Arcade"}, {0x92, "reserved"}, {0xFEFF, "reserved"}, {0xFF00, "vendor specific"},
+        {0xFFFF, "vendor specific"}, {0x10000, "invalid"}, {0xFFFFFFFF, "invalid"},
     };
     for (const auto& c : cases)
         EXPECT_STREQ(c.name, HidReportDescriptorParser::GetUsagePageStr(c.page)) << std::hex << c.page;

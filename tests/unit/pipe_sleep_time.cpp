@@ -33,18 +33,14 @@ bool IsOpenDescriptor(int fd)
 
 } // namespace
 
-TEST(PxPipeTest, StartsClosedAndDrainsNothing)
+TEST(PxPipeTest, StartsClosedBlockingOrNotAndDrainsWhatWasWritten)
 {
     PxPipe pipe;
     EXPECT_EQ(-1, pipe.GetReadEnd());
     EXPECT_EQ(-1, pipe.GetWriteEnd());
     EXPECT_EQ(0, pipe.ReadDummy());
     EXPECT_EQ(-EBADF, pipe.WriteChar('x'));
-}
 
-TEST(PxPipeTest, NonBlockingPipeDrainsWhatWasWritten)
-{
-    PxPipe pipe;
     ASSERT_EQ(0, pipe.Create(true));
     EXPECT_NE(0, fcntl(pipe.GetReadEnd(), F_GETFL) & O_NONBLOCK);
     EXPECT_NE(0, fcntl(pipe.GetWriteEnd(), F_GETFL) & O_NONBLOCK);
@@ -53,29 +49,21 @@ TEST(PxPipeTest, NonBlockingPipeDrainsWhatWasWritten)
     EXPECT_EQ(1, pipe.WriteChar('y'));
     EXPECT_EQ(3, pipe.ReadDummy());
     EXPECT_EQ(0, pipe.ReadDummy());
-}
-
-TEST(PxPipeTest, BlockingPipeHasBlockingEnds)
-{
-    PxPipe pipe;
-    ASSERT_EQ(0, pipe.Create(false));
-    EXPECT_EQ(0, fcntl(pipe.GetReadEnd(), F_GETFL) & O_NONBLOCK);
-    EXPECT_EQ(1, pipe.WriteChar('x'));
-    char c = 0;
-    EXPECT_EQ(1, read(pipe.GetReadEnd(), &c, 1));
-    EXPECT_EQ('x', c);
-}
-
-TEST(PxPipeTest, FullNonBlockingPipeRefusesWithEagain)
-{
-    PxPipe pipe;
-    ASSERT_EQ(0, pipe.Create(true));
+    // A full non-blocking pipe refuses with EAGAIN; all of it drains.
     ssize_t rc = 0;
     int written = 0;
     while ((rc = pipe.WriteChar('x')) == 1)
         written++;
     EXPECT_EQ(-EAGAIN, rc);
     EXPECT_EQ(written, pipe.ReadDummy());
+
+    PxPipe blocking;
+    ASSERT_EQ(0, blocking.Create(false));
+    EXPECT_EQ(0, fcntl(blocking.GetReadEnd(), F_GETFL) & O_NONBLOCK);
+    EXPECT_EQ(1, blocking.WriteChar('x'));
+    char c = 0;
+    EXPECT_EQ(1, read(blocking.GetReadEnd(), &c, 1));
+    EXPECT_EQ('x', c);
 }
 
 TEST(PxPipeTest, CloseEndsAndRecreate)
@@ -191,42 +179,26 @@ TEST(PxSleepTest, SignalCutsTheSleepShortWithEintrAndATraceLine)
     EXPECT_EQ(std::string("TSTATUS PxSleep(unsigned int): nanosleep failed (") + strerror(EINTR) + ")\n", out);
 }
 
-TEST(SubtractTimespecTest, DocumentedExamples)
-{
-    timespec r = {123, 456};
-    EXPECT_FALSE(SubtractTimespec({5, 100}, {3, 200}, r));
-    EXPECT_EQ(1, r.tv_sec);
-    EXPECT_EQ(999999900L, r.tv_nsec);
-
-    EXPECT_TRUE(SubtractTimespec({3, 0}, {5, 0}, r));
-    EXPECT_EQ(-2, r.tv_sec);
-    EXPECT_EQ(0L, r.tv_nsec);
-}
-
 TEST(SubtractTimespecTest, BordersAndCarries)
 {
-    timespec r;
-    // Equal times: zero, not negative.
-    EXPECT_FALSE(SubtractTimespec({7, 500}, {7, 500}, r));
-    EXPECT_EQ(0, r.tv_sec);
-    EXPECT_EQ(0L, r.tv_nsec);
-    // One nanosecond apart, both ways.
-    EXPECT_FALSE(SubtractTimespec({7, 501}, {7, 500}, r));
-    EXPECT_EQ(0, r.tv_sec);
-    EXPECT_EQ(1L, r.tv_nsec);
-    EXPECT_TRUE(SubtractTimespec({7, 500}, {7, 501}, r));
-    EXPECT_EQ(-1, r.tv_sec);
-    EXPECT_EQ(999999999L, r.tv_nsec);
-    // Borrow across a second boundary.
-    EXPECT_FALSE(SubtractTimespec({10, 0}, {9, 999999999}, r));
-    EXPECT_EQ(0, r.tv_sec);
-    EXPECT_EQ(1L, r.tv_nsec);
-    // Non-normalised x with more than a second of nanoseconds carries.
-    EXPECT_FALSE(SubtractTimespec({1, 2500000000L}, {1, 0}, r));
-    EXPECT_EQ(2, r.tv_sec);
-    EXPECT_EQ(500000000L, r.tv_nsec);
-    // Exactly one second of nanoseconds is left as it is (strict test).
-    EXPECT_FALSE(SubtractTimespec({1, 1000000000L}, {1, 0}, r));
-    EXPECT_EQ(0, r.tv_sec);
-    EXPECT_EQ(1000000000L, r.tv_nsec);
+    struct {
+        timespec x, y;
+        bool negative;
+        timespec r;
+    } const cases[] = {
+        {{5, 100}, {3, 200}, false, {1, 999999900L}},
+        {{3, 0}, {5, 0}, true, {-2, 0}},
+        {{7, 500}, {7, 500}, false, {0, 0}},         // equal times: zero, not negative
+        {{7, 501}, {7, 500}, false, {0, 1}},         // one nanosecond apart, both ways
+        {{7, 500}, {7, 501}, true, {-1, 999999999L}},
+        {{10, 0}, {9, 999999999L}, false, {0, 1}},   // borrow across a second boundary
+        {{1, 2500000000L}, {1, 0}, false, {2, 500000000L}}, // non-normalised x carries
+        {{1, 1000000000L}, {1, 0}, false, {0, 1000000000L}}, // exactly one second is left (strict test)
+    };
+    for (const auto& c : cases) {
+        timespec r = {123, 456};
+        EXPECT_EQ(c.negative, SubtractTimespec(c.x, c.y, r)) << c.x.tv_sec << "." << c.x.tv_nsec;
+        EXPECT_EQ(c.r.tv_sec, r.tv_sec) << c.x.tv_sec << "." << c.x.tv_nsec;
+        EXPECT_EQ(c.r.tv_nsec, r.tv_nsec) << c.x.tv_sec << "." << c.x.tv_nsec;
+    }
 }

@@ -7,6 +7,8 @@
 
 #include <regex>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "libposix/PxTrace.h"
 #include "libtb/TbBitOps.h"
@@ -25,6 +27,17 @@ bool IsAssertionReport(const std::string& out, const char* expression)
     return std::regex_match(out, std::regex(pattern));
 }
 
+// The first n elements as unsigned values, for comparing mixed-width text.
+template <typename T>
+std::vector<unsigned int> Units(const T* p, size_t n)
+{
+    std::vector<unsigned int> v;
+    for (size_t i = 0; i < n; i++)
+        v.push_back(static_cast<typename std::make_unsigned<T>::type>(p[i]));
+    return v;
+}
+typedef std::vector<unsigned int> U;
+
 class StringTest : public ::testing::Test {
 protected:
     void SetUp() override { TPosixSetTraceMask(KARVEX_TRACE_ERROR); }
@@ -33,30 +46,38 @@ protected:
 
 } // namespace
 
-TEST_F(StringTest, LCopyCutsAndReturnsTheTerminator)
+// Each call on an 8-element buffer of '#' holding start; nothing at or
+// beyond the limit is written, and the terminator is returned.
+TEST_F(StringTest, LCopyAndLCatCutAtTheLimitAndReturnTheTerminator)
 {
-    char buf[8];
-    memset(buf, '#', sizeof(buf));
-    char* end = TbStringLCopy(buf, buf + 4, "abcdef");
-    EXPECT_STREQ("abc", buf);
-    EXPECT_EQ(buf + 3, end);
-    EXPECT_EQ('#', buf[4]); // nothing beyond the limit
-
-    // Exact fit: nothing cut.
-    end = TbStringLCopy(buf, buf + 4, "xyz");
-    EXPECT_STREQ("xyz", buf);
-    EXPECT_EQ(buf + 3, end);
-
-    // Empty source and a one-element destination give the empty string.
-    EXPECT_EQ(buf, TbStringLCopy(buf, buf + 8, ""));
-    EXPECT_STREQ("", buf);
-    memset(buf, '#', sizeof(buf));
-    EXPECT_EQ(buf, TbStringLCopy(buf, buf + 1, "abc"));
-    EXPECT_EQ('\0', buf[0]);
-    EXPECT_EQ('#', buf[1]);
-
+    struct {
+        bool cat;
+        const char* start;
+        unsigned int limit;
+        const char* source;
+        const char* expected;
+    } const cases[] = {
+        {false, "", 4, "abcdef", "abc"}, {false, "", 4, "xyz", "xyz"}, // cut, exact fit
+        {false, "", 8, "", ""},          {false, "", 1, "abc", ""},    // empty source, one-element room
+        {true, "ab", 5, "cdef", "abcd"}, {true, "abcd", 5, "zz", "abcd"}, // cut, already full
+        {true, "abcd", 8, "", "abcd"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.cat ? "LCat " : "LCopy ") + c.start + "+" + c.source + " " +
+                     std::to_string(c.limit));
+        char buf[8];
+        memset(buf, '#', sizeof(buf));
+        if (c.cat)
+            strcpy(buf, c.start);
+        char* end = c.cat ? TbStringLCat(buf, buf + c.limit, c.source) : TbStringLCopy(buf, buf + c.limit, c.source);
+        EXPECT_STREQ(c.expected, buf);
+        EXPECT_EQ(buf + strlen(c.expected), end);
+        for (size_t i = c.cat ? std::max<size_t>(c.limit, strlen(c.start) + 1) : c.limit; i < sizeof(buf); i++)
+            EXPECT_EQ('#', buf[i]) << i;
+    }
     // The returned terminator continues the string.
-    end = TbStringLCopy(buf, buf + 8, "ab");
+    char buf[8];
+    char* end = TbStringLCopy(buf, buf + 8, "ab");
     end = TbStringLCopy(end, buf + 8, "cdefgh");
     EXPECT_STREQ("abcdefg", buf);
     EXPECT_EQ(buf + 7, end);
@@ -80,25 +101,6 @@ TEST_F(StringTest, LCopyWithoutRoomAssertsAndWritesNothing)
     EXPECT_EQ(0, memcmp(buf, "####", 4));
 }
 
-TEST_F(StringTest, LCatAppendsWithinTheLimit)
-{
-    char buf[8];
-    memset(buf, '#', sizeof(buf));
-    strcpy(buf, "ab");
-    char* end = TbStringLCat(buf, buf + 5, "cdef");
-    EXPECT_STREQ("abcd", buf);
-    EXPECT_EQ(buf + 4, end);
-    EXPECT_EQ('#', buf[5]);
-    // Already full: unchanged, terminator returned.
-    end = TbStringLCat(buf, buf + 5, "zz");
-    EXPECT_STREQ("abcd", buf);
-    EXPECT_EQ(buf + 4, end);
-    // Empty source.
-    end = TbStringLCat(buf, buf + 8, "");
-    EXPECT_STREQ("abcd", buf);
-    EXPECT_EQ(buf + 4, end);
-}
-
 TEST_F(StringTest, WideAndMixedLCopyAndLCat)
 {
     wchar_t w[8];
@@ -111,39 +113,48 @@ TEST_F(StringTest, WideAndMixedLCopyAndLCat)
     const wchar_t wide[] = {0x141, 0x41, 0x12E9, 0};
     char c[8];
     EXPECT_EQ(c + 3, TbStringLCopy(c, c + 8, wide));
-    EXPECT_EQ(0x41, static_cast<unsigned char>(c[0]));
-    EXPECT_EQ(0x41, static_cast<unsigned char>(c[1]));
-    EXPECT_EQ(0xE9, static_cast<unsigned char>(c[2]));
+    EXPECT_EQ((U{0x41, 0x41, 0xE9, 0}), Units(c, 4));
     EXPECT_EQ(c + 4, TbStringLCat(c, c + 5, wide));
-    EXPECT_EQ(0x41, static_cast<unsigned char>(c[3]));
-    EXPECT_EQ('\0', c[4]);
+    EXPECT_EQ((U{0x41, 0x41, 0xE9, 0x41, 0}), Units(c, 5));
 
     // Narrow to wide zero-extends.
     EXPECT_EQ(w + 2, TbStringLCopy(w, w + 8, "\xE9z"));
-    EXPECT_EQ(0xE9, static_cast<int>(w[0]));
-    EXPECT_EQ(L'z', w[1]);
     EXPECT_EQ(w + 4, TbStringLCat(w, w + 8, "\xFF!"));
-    EXPECT_EQ(0xFF, static_cast<int>(w[2]));
-    EXPECT_EQ(L'!', w[3]);
-    EXPECT_EQ(0, static_cast<int>(w[4]));
+    EXPECT_EQ((U{0xE9, 'z', 0xFF, '!', 0}), Units(w, 5));
 }
 
-TEST_F(StringTest, NCopyCountsWhatItCopied)
+// NCopy counts what it copied, NCat the resulting length; maxChars includes
+// the terminator and nothing beyond it is written.
+TEST_F(StringTest, NCopyAndNCatUseTheWholeCapacity)
 {
-    char buf[8];
-    memset(buf, '#', sizeof(buf));
-    EXPECT_EQ(3u, TbStringNCopy(buf, "abcdef", 4));
-    EXPECT_STREQ("abc", buf);
-    EXPECT_EQ('#', buf[4]);
-    EXPECT_EQ(0u, TbStringNCopy(buf, "abcdef", 1));
-    EXPECT_STREQ("", buf);
-    EXPECT_EQ(2u, TbStringNCopy(buf, "ab", 8));
-    EXPECT_STREQ("ab", buf);
-    EXPECT_EQ(0u, TbStringNCopy(buf, "", 8));
-    EXPECT_STREQ("", buf);
+    struct {
+        bool cat;
+        const char* start;
+        const char* source;
+        unsigned int maxChars, result;
+        const char* expected;
+    } const cases[] = {
+        {false, "", "abcdef", 4, 3, "abc"}, {false, "", "abcdef", 1, 0, ""},
+        {false, "", "ab", 8, 2, "ab"},      {false, "", "", 8, 0, ""},
+        {true, "ab", "cdef", 5, 4, "abcd"}, {true, "abcd", "x", 5, 4, "abcd"}, // cut, full already
+        {true, "abcd", "x", 3, 4, "abcd"},  // existing text longer than the capacity is left alone
+        {true, "abcd", "ef", 8, 6, "abcdef"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.cat ? "NCat " : "NCopy ") + c.start + "+" + c.source + " " +
+                     std::to_string(c.maxChars));
+        char buf[8];
+        memset(buf, '#', sizeof(buf));
+        if (c.cat)
+            strcpy(buf, c.start);
+        EXPECT_EQ(c.result, c.cat ? TbStringNCat(buf, c.source, c.maxChars) : TbStringNCopy(buf, c.source, c.maxChars));
+        EXPECT_STREQ(c.expected, buf);
+        for (size_t i = c.cat ? std::max<size_t>(c.maxChars, strlen(c.start) + 1) : c.maxChars; i < sizeof(buf); i++)
+            EXPECT_EQ('#', buf[i]) << i;
+    }
 }
 
-TEST_F(StringTest, NCopyWithZeroCapacityAssertsAndStillTerminates)
+TEST_F(StringTest, ZeroCapacityAssertsNCopyStillTerminates)
 {
     char buf[4] = {'x', 'y', 'z', '\0'};
     unsigned int n = 99;
@@ -157,79 +168,46 @@ TEST_F(StringTest, NCopyWithZeroCapacityAssertsAndStillTerminates)
     out = CaptureTrace([&] { n = TbStringNCopy(u, "abc", 0); });
     EXPECT_EQ(0u, u[0]);
     EXPECT_TRUE(IsAssertionReport(out, "maxChars>0")) << out;
+
+    char text[8] = "abcdef";
+    out = CaptureTrace([&] { n = TbStringNCat(text, "zz", 0); });
+    EXPECT_EQ(6u, n);
+    EXPECT_STREQ("abcdef", text);
+    EXPECT_TRUE(IsAssertionReport(out, "maxChars>0")) << out;
 }
 
-TEST_F(StringTest, NCopyConversions)
+TEST_F(StringTest, WideAndMixedNCopyAndNCat)
 {
     // char -> unsigned short sign-extends; wchar_t <- char does not.
     unsigned short u[8];
     EXPECT_EQ(3u, TbStringNCopy(u, "\xE9" "A\x80", 8));
-    EXPECT_EQ(0xFFE9, u[0]);
-    EXPECT_EQ(0x0041, u[1]);
-    EXPECT_EQ(0xFF80, u[2]);
-    EXPECT_EQ(0, u[3]);
-
+    EXPECT_EQ((U{0xFFE9, 0x41, 0xFF80, 0}), Units(u, 4));
     wchar_t w[8];
     EXPECT_EQ(2u, TbStringNCopy(w, "\xE9" "A", 8));
-    EXPECT_EQ(0xE9, static_cast<int>(w[0]));
-    EXPECT_EQ(0x41, static_cast<int>(w[1]));
+    EXPECT_EQ((U{0xE9, 0x41, 0}), Units(w, 3));
 
     const wchar_t wide[] = {0x1234, 0x7A, 0};
     char c[8];
     EXPECT_EQ(2u, TbStringNCopy(c, wide, 8));
-    EXPECT_EQ(0x34, static_cast<unsigned char>(c[0]));
-    EXPECT_EQ('z', c[1]);
-    EXPECT_EQ('\0', c[2]);
+    EXPECT_EQ((U{0x34, 'z', 0}), Units(c, 3));
 
     const unsigned short usb[] = {0xFFE9, 0x0041, 0x1234, 0};
     unsigned short u2[3];
     EXPECT_EQ(2u, TbStringNCopy(u2, usb, 3));
-    EXPECT_EQ(0xFFE9, u2[0]);
-    EXPECT_EQ(0x0041, u2[1]);
-    EXPECT_EQ(0, u2[2]);
-
+    EXPECT_EQ((U{0xFFE9, 0x41, 0}), Units(u2, 3));
     wchar_t w2[3];
     EXPECT_EQ(2u, TbStringNCopy(w2, L"abcd", 3));
     EXPECT_EQ(std::wstring(L"ab"), w2);
-}
 
-TEST_F(StringTest, NCatUsesTheWholeCapacity)
-{
-    char buf[8];
-    memset(buf, '#', sizeof(buf));
-    strcpy(buf, "ab");
-    EXPECT_EQ(4u, TbStringNCat(buf, "cdef", 5));
-    EXPECT_STREQ("abcd", buf);
-    EXPECT_EQ('#', buf[5]);
-    // Full already: nothing appended.
-    EXPECT_EQ(4u, TbStringNCat(buf, "x", 5));
-    EXPECT_STREQ("abcd", buf);
-    // Existing text longer than the capacity is left alone.
-    EXPECT_EQ(4u, TbStringNCat(buf, "x", 3));
-    EXPECT_STREQ("abcd", buf);
-    EXPECT_EQ(6u, TbStringNCat(buf, "ef", 8));
-    EXPECT_STREQ("abcdef", buf);
-
-    unsigned int n = 0;
-    std::string out = CaptureTrace([&] { n = TbStringNCat(buf, "zz", 0); });
-    EXPECT_EQ(6u, n);
-    EXPECT_STREQ("abcdef", buf);
-    EXPECT_TRUE(IsAssertionReport(out, "maxChars>0")) << out;
-}
-
-TEST_F(StringTest, WideAndMixedNCat)
-{
-    wchar_t w[8] = L"ab";
-    EXPECT_EQ(4u, TbStringNCat(w, L"cdef", 5));
-    EXPECT_EQ(std::wstring(L"abcd"), w);
-    EXPECT_EQ(6u, TbStringNCat(w, "\xE9!", 8));
-    EXPECT_EQ(0xE9, static_cast<int>(w[4]));
-    EXPECT_EQ(L'!', w[5]);
-
-    char c[8] = "x";
-    const wchar_t wide[] = {0x1241, 0x42, 0};
-    EXPECT_EQ(3u, TbStringNCat(c, wide, 8));
-    EXPECT_STREQ("xAB", c);
+    wchar_t wc[8] = L"ab";
+    EXPECT_EQ(4u, TbStringNCat(wc, L"cdef", 5));
+    EXPECT_EQ(std::wstring(L"abcd"), wc);
+    EXPECT_EQ(6u, TbStringNCat(wc, "\xE9!", 8));
+    EXPECT_EQ((U{'a', 'b', 'c', 'd', 0xE9, '!', 0}), Units(wc, 7));
+    char cc[8] = "x";
+    const wchar_t wide2[] = {0x1241, 0x42, 0};
+    EXPECT_EQ(3u, TbStringNCat(cc, wide2, 8));
+    EXPECT_STREQ("xAB", cc);
 }
 
 TEST_F(StringTest, Lengths)
@@ -245,23 +223,22 @@ TEST_F(StringTest, Lengths)
 
 TEST_F(StringTest, Equality)
 {
-    EXPECT_TRUE(TbStringEqual("abc", "abc"));
-    EXPECT_TRUE(TbStringEqual("", ""));
-    EXPECT_FALSE(TbStringEqual("abc", "abcd"));
-    EXPECT_FALSE(TbStringEqual("abcd", "abc"));
-    EXPECT_FALSE(TbStringEqual("abc", "ABC"));
+    struct {
+        const char *a, *b;
+        bool equal, equalIgnoringCase;
+    } const cases[] = {
+        {"abc", "abc", true, true},   {"", "", true, true},          {"abc", "abcd", false, false},
+        {"abcd", "abc", false, false}, {"abc", "ABC", false, true},   {"/dev/HIDraw3", "/DEV/hidraw3", false, true},
+        {"", "a", false, false},
+        // ASCII letters only: '@'/'`' and '['/'{' differ by 32 but are not letters.
+        {"@", "`", false, false},     {"[", "{", false, false},      {"\xC9", "\xE9", false, false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.equal, TbStringEqual(c.a, c.b)) << c.a << " " << c.b;
+        EXPECT_EQ(c.equalIgnoringCase, TbStringEqualIgnoreCase(c.a, c.b)) << c.a << " " << c.b;
+    }
     EXPECT_TRUE(TbStringEqual(L"abc", L"abc"));
     EXPECT_FALSE(TbStringEqual(L"abc", L"abd"));
-
-    EXPECT_TRUE(TbStringEqualIgnoreCase("/dev/HIDraw3", "/DEV/hidraw3"));
-    EXPECT_TRUE(TbStringEqualIgnoreCase("", ""));
-    EXPECT_FALSE(TbStringEqualIgnoreCase("abc", "ABCD"));
-    EXPECT_FALSE(TbStringEqualIgnoreCase("ABCD", "abc"));
-    EXPECT_FALSE(TbStringEqualIgnoreCase("", "a"));
-    // ASCII letters only: '@'/'`' and '['/'{' differ by 32 but are not letters.
-    EXPECT_FALSE(TbStringEqualIgnoreCase("@", "`"));
-    EXPECT_FALSE(TbStringEqualIgnoreCase("[", "{"));
-    EXPECT_FALSE(TbStringEqualIgnoreCase("\xC9", "\xE9"));
     EXPECT_TRUE(TbStringEqualIgnoreCase(L"MiXeD", L"mIxEd"));
     const wchar_t upperE[] = {0xC9, 0};
     const wchar_t lowerE[] = {0xE9, 0};
@@ -274,24 +251,24 @@ TEST_F(StringTest, Equality)
 
 TEST_F(StringTest, ReplaceChars)
 {
-    char s[] = "a-b_c";
-    EXPECT_EQ(2u, TbReplaceCharsInString(s, "-_", ' '));
-    EXPECT_STREQ("a b c", s);
-
-    // A character listed twice counts twice for one replacement.
-    char t[] = "x-y";
-    EXPECT_EQ(2u, TbReplaceCharsInString(t, "--", '+'));
-    EXPECT_STREQ("x+y", t);
-
-    // Matching uses the value before replacement.
-    char u[] = "a";
-    EXPECT_EQ(1u, TbReplaceCharsInString(u, "ab", 'b'));
-    EXPECT_STREQ("b", u);
-
+    struct {
+        const char *in, *chars;
+        char with;
+        unsigned int count;
+        const char* out;
+    } const cases[] = {
+        {"a-b_c", "-_", ' ', 2, "a b c"}, {"abc", "", 'x', 0, "abc"},
+        {"x-y", "--", '+', 2, "x+y"}, // a character listed twice counts twice for one replacement
+        {"a", "ab", 'b', 1, "b"},     // matching uses the value before replacement
+    };
+    for (const auto& c : cases) {
+        char buf[8];
+        strcpy(buf, c.in);
+        EXPECT_EQ(c.count, TbReplaceCharsInString(buf, c.chars, c.with)) << c.in;
+        EXPECT_STREQ(c.out, buf);
+    }
     char v[] = "abc";
-    EXPECT_EQ(0u, TbReplaceCharsInString(v, "", 'x'));
     EXPECT_EQ(0u, TbReplaceCharInString(v, '\0', 'x'));
-    EXPECT_STREQ("abc", v);
     EXPECT_EQ(1u, TbReplaceCharInString(v, 'b', 'B'));
     EXPECT_STREQ("aBc", v);
 
@@ -304,61 +281,57 @@ TEST_F(StringTest, ReplaceChars)
 
 TEST_F(StringTest, Trim)
 {
-    char a[] = " \t\n\v\f\rx y ";
-    EXPECT_TRUE(TbStringTrimBegin(a));
-    EXPECT_STREQ("x y ", a);
-    EXPECT_FALSE(TbStringTrimBegin(a));
-    EXPECT_TRUE(TbStringTrimEnd(a));
-    EXPECT_STREQ("x y", a);
-    EXPECT_FALSE(TbStringTrimEnd(a));
-
-    char only[] = " \t ";
-    EXPECT_TRUE(TbStringTrimBegin(only));
+    // Begin then end, each reporting whether it removed anything; a second
+    // round finds nothing more.
+    struct {
+        const char *in, *out;
+        bool begin, end;
+    } const cases[] = {
+        {" \t\n\v\f\rx y ", "x y", true, true},
+        {" \t ", "", true, false}, // all white space goes in the first call
+        {"", "", false, false},
+        {"\x08z\x0E", "\x08z\x0E", false, false}, // 8 and 14 are just outside the white space class
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.in);
+        char buf[16];
+        strcpy(buf, c.in);
+        EXPECT_EQ(c.begin, TbStringTrimBegin(buf));
+        EXPECT_EQ(c.end, TbStringTrimEnd(buf));
+        EXPECT_STREQ(c.out, buf);
+        EXPECT_FALSE(TbStringTrimBegin(buf));
+        EXPECT_FALSE(TbStringTrimEnd(buf));
+    }
+    char only[] = "\r\n";
+    EXPECT_TRUE(TbStringTrimEnd(only));
     EXPECT_STREQ("", only);
-    char only2[] = "\r\n";
-    EXPECT_TRUE(TbStringTrimEnd(only2));
-    EXPECT_STREQ("", only2);
-
-    char empty[] = "";
-    EXPECT_FALSE(TbStringTrimBegin(empty));
-    EXPECT_FALSE(TbStringTrimEnd(empty));
-
-    // Characters 8 and 14 are just outside the white space class.
-    char edge[] = "\x08z\x0E";
-    EXPECT_FALSE(TbStringTrimBegin(edge));
-    EXPECT_FALSE(TbStringTrimEnd(edge));
-    EXPECT_STREQ("\x08z\x0E", edge);
 
     wchar_t w[] = L"  ab \t";
     EXPECT_TRUE(TbStringTrimBegin(w));
     EXPECT_TRUE(TbStringTrimEnd(w));
     EXPECT_EQ(std::wstring(L"ab"), w);
-    const wchar_t wideSpace[] = {0x120, L'a', 0};
-    wchar_t ws[3];
-    wcscpy(ws, wideSpace);
+    wchar_t ws[] = {0x120, L'a', 0};
     EXPECT_FALSE(TbStringTrimBegin(ws));
 }
 
 TEST_F(StringTest, RemoveQuotes)
 {
-    char a[] = "'x'";
-    EXPECT_TRUE(TbStringRemoveQuotes(a, '\''));
-    EXPECT_STREQ("x", a);
-    char b[] = "'x";
-    EXPECT_FALSE(TbStringRemoveQuotes(b, '\''));
-    EXPECT_STREQ("'x", b);
-    char c[] = "''";
-    EXPECT_TRUE(TbStringRemoveQuotes(c, '\''));
-    EXPECT_STREQ("", c);
-    char d[] = "'";
-    EXPECT_FALSE(TbStringRemoveQuotes(d, '\''));
-    EXPECT_STREQ("'", d);
-    char e[] = "\"quoted text\"";
-    EXPECT_FALSE(TbStringRemoveQuotes(e, '\''));
-    EXPECT_TRUE(TbStringRemoveQuotes(e, '"'));
-    EXPECT_STREQ("quoted text", e);
-    char f[] = "x'";
-    EXPECT_FALSE(TbStringRemoveQuotes(f, '\''));
+    struct {
+        const char* in;
+        char quote;
+        bool removed;
+        const char* out;
+    } const cases[] = {
+        {"'x'", '\'', true, "x"},    {"'x", '\'', false, "'x"}, {"x'", '\'', false, "x'"},
+        {"''", '\'', true, ""},      {"'", '\'', false, "'"},   // one character is no pair
+        {"\"quoted text\"", '\'', false, "\"quoted text\""}, {"\"quoted text\"", '"', true, "quoted text"},
+    };
+    for (const auto& c : cases) {
+        char buf[16];
+        strcpy(buf, c.in);
+        EXPECT_EQ(c.removed, TbStringRemoveQuotes(buf, c.quote)) << c.in;
+        EXPECT_STREQ(c.out, buf);
+    }
     wchar_t w[] = L"|ab|";
     EXPECT_TRUE(TbStringRemoveQuotes(w, L'|'));
     EXPECT_EQ(std::wstring(L"ab"), w);
@@ -407,12 +380,10 @@ TEST_F(StringTest, HexDigits)
 
 TEST(BitOpsTest, ReverseByte)
 {
-    EXPECT_EQ(0x80, TbReverseByte(0x01));
-    EXPECT_EQ(0x00, TbReverseByte(0x00));
-    EXPECT_EQ(0xFF, TbReverseByte(0xFF));
-    EXPECT_EQ(0x0F, TbReverseByte(0xF0));
-    EXPECT_EQ(0xA5, TbReverseByte(0xA5));
-    EXPECT_EQ(0x2C, TbReverseByte(0x34));
+    const unsigned char cases[][2] = {{0x01, 0x80}, {0x00, 0x00}, {0xFF, 0xFF},
+                                      {0xF0, 0x0F}, {0xA5, 0xA5}, {0x34, 0x2C}};
+    for (const auto& c : cases)
+        EXPECT_EQ(c[1], TbReverseByte(c[0])) << int(c[0]);
     for (int i = 0; i < 8; i++)
         EXPECT_EQ(1 << (7 - i), TbReverseByte(static_cast<unsigned char>(1 << i))) << i;
     for (int b = 0; b < 256; b++)

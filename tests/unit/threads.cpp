@@ -4,19 +4,20 @@
 #include <errno.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 #include <vector>
 
 #include "libposix/PxThread.h"
 
+#include "support/test_support.h"
+
 namespace {
 
-// A worker whose routine blocks until released, so that tests control
+// A thread object whose routine blocks until released, so that tests control
 // exactly when it ends.
-class GatedWorker {
-public:
-    GatedWorker() : mGate(false), mResult(nullptr) {}
+class PxThreadTest : public ::testing::Test {
+protected:
+    PxThreadTest() { mForwarder.Init(this, &PxThreadTest::Routine); }
 
     void* Routine()
     {
@@ -26,126 +27,77 @@ public:
         return mResult;
     }
 
-    PxEvent mGate;
+    PxEvent mGate{false};
     PxManualResetEvent mStarted;
-    void* mResult;
+    void* mResult = nullptr;
     std::atomic<int> mRuns{0};
+    PxThreadCallbackForwarderT<PxThreadTest> mForwarder;
+    PxThread mThread;
 };
-
-// Waits for a condition that other threads make true; gives up (and the
-// caller fails) instead of hanging when a wake-up was lost.
-template <typename Pred>
-bool EventuallyTrue(Pred pred)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 } // namespace
 
-TEST(PxThreadTest, JoinWithoutThreadReturnsZeroAtOnce)
+TEST_F(PxThreadTest, JoinReturnsTheResultAndASecondCreateWaitsForIt)
 {
-    PxThread thread;
-    EXPECT_EQ(0, thread.Join(nullptr, -1));
-    EXPECT_EQ(0, thread.Join(nullptr, 0));
-    EXPECT_FALSE(thread.IsRunning());
-}
-
-TEST(PxThreadTest, ForwarderRunsTheMemberFunctionAndJoinReturnsItsResult)
-{
-    GatedWorker worker;
     int token = 0;
-    worker.mResult = &token;
-    PxThreadCallbackForwarderT<GatedWorker> forwarder;
-    forwarder.Init(&worker, &GatedWorker::Routine);
-    PxThread thread;
-    ASSERT_EQ(0, thread.Create(&forwarder, nullptr));
-    worker.mGate.Set();
+    mResult = &token;
+    ASSERT_EQ(0, mThread.Create(&mForwarder, nullptr));
+    EXPECT_EQ(-1, mThread.Create(&mForwarder, nullptr)); // still running: refused, nothing started
+    mGate.Set();
     void* value = nullptr;
-    EXPECT_EQ(0, thread.Join(&value, -1));
+    EXPECT_EQ(0, mThread.Join(&value, -1));
     EXPECT_EQ(&token, value);
-    EXPECT_EQ(1, worker.mRuns.load());
-    // Joined: the object is idle again.
-    EXPECT_EQ(0, thread.Join(nullptr, -1));
-}
-
-TEST(PxThreadTest, TimedJoinOfRunningThreadTimesOutAndLeavesItJoinable)
-{
-    GatedWorker worker;
-    PxThreadCallbackForwarderT<GatedWorker> forwarder;
-    forwarder.Init(&worker, &GatedWorker::Routine);
-    PxThread thread;
-    ASSERT_EQ(0, thread.Create(&forwarder, nullptr));
-    ASSERT_TRUE(worker.mStarted.WaitWithTimeout(10000));
-    EXPECT_TRUE(thread.IsRunning());
-
-    EXPECT_EQ(ETIMEDOUT, thread.Join(nullptr, 0));
-    EXPECT_EQ(110, thread.Join(nullptr, 20));
-    // Still the same thread: a second Create is refused.
-    EXPECT_EQ(-1, thread.Create(&forwarder, nullptr));
-
-    worker.mGate.Set();
-    EXPECT_EQ(0, thread.Join(nullptr, -1));
-    EXPECT_EQ(1, worker.mRuns.load());
-}
-
-TEST(PxThreadTest, TimedJoinOfFinishedThreadJoinsWithoutWaiting)
-{
-    GatedWorker worker;
-    worker.mGate.Set();
-    PxThreadCallbackForwarderT<GatedWorker> forwarder;
-    forwarder.Init(&worker, &GatedWorker::Routine);
-    PxThread thread;
-    ASSERT_EQ(0, thread.Create(&forwarder, nullptr));
-    // The routine has returned once the worker's thread event is set; a zero
-    // time-out must then succeed. Poll the public state until it has.
-    ASSERT_TRUE(EventuallyTrue([&] { return !thread.IsRunning(); }));
-    EXPECT_EQ(0, thread.Join(nullptr, 0));
-    EXPECT_EQ(0, thread.Join(nullptr, 0));
-}
-
-TEST(PxThreadTest, CreateTwiceRefusesTheSecondAndStartsNothing)
-{
-    GatedWorker worker;
-    PxThreadCallbackForwarderT<GatedWorker> forwarder;
-    forwarder.Init(&worker, &GatedWorker::Routine);
-    PxThread thread;
-    ASSERT_EQ(0, thread.Create(&forwarder, nullptr));
-    EXPECT_EQ(-1, thread.Create(&forwarder, nullptr));
-    worker.mGate.Set();
-    ASSERT_EQ(0, thread.Join(nullptr, -1));
-    EXPECT_EQ(1, worker.mRuns.load());
+    EXPECT_EQ(1, mRuns.load());
+    EXPECT_EQ(0, mThread.Join(nullptr, -1)); // joined: the object is idle again
 
     // After the join the object can run a new thread.
-    worker.mGate.Set();
-    ASSERT_EQ(0, thread.Create(&forwarder, nullptr));
-    ASSERT_EQ(0, thread.Join(nullptr, -1));
-    EXPECT_EQ(2, worker.mRuns.load());
+    mGate.Set();
+    ASSERT_EQ(0, mThread.Create(&mForwarder, nullptr));
+    ASSERT_EQ(0, mThread.Join(nullptr, -1));
+    EXPECT_EQ(2, mRuns.load());
 }
 
-TEST(PxThreadTest, CreateFailureReturnsNegatedErrorAndStaysIdle)
+TEST_F(PxThreadTest, TimedJoinOfRunningThreadTimesOutAndLeavesItJoinable)
 {
-    GatedWorker worker;
-    PxThreadCallbackForwarderT<GatedWorker> forwarder;
-    forwarder.Init(&worker, &GatedWorker::Routine);
+    ASSERT_EQ(0, mThread.Create(&mForwarder, nullptr));
+    ASSERT_TRUE(mStarted.WaitWithTimeout(ktest::kWaitLimit.count())) << "timed out waiting for the routine to start";
+    EXPECT_TRUE(mThread.IsRunning());
+    EXPECT_EQ(ETIMEDOUT, mThread.Join(nullptr, 0));
+    EXPECT_EQ(ETIMEDOUT, mThread.Join(nullptr, 20));
+    EXPECT_EQ(-1, mThread.Create(&mForwarder, nullptr)); // still the same thread
+
+    mGate.Set();
+    EXPECT_EQ(0, mThread.Join(nullptr, -1));
+    EXPECT_EQ(1, mRuns.load());
+}
+
+TEST_F(PxThreadTest, JoinOfNoThreadOrAFinishedOneReturnsAtOnce)
+{
+    EXPECT_EQ(0, mThread.Join(nullptr, -1));
+    EXPECT_EQ(0, mThread.Join(nullptr, 0));
+    EXPECT_FALSE(mThread.IsRunning());
+    mGate.Set();
+    ASSERT_EQ(0, mThread.Create(&mForwarder, nullptr));
+    // Once the routine has returned, a zero time-out must succeed.
+    KT_WAIT_FOR(!mThread.IsRunning(), "the routine to return");
+    EXPECT_EQ(0, mThread.Join(nullptr, 0));
+    EXPECT_EQ(0, mThread.Join(nullptr, 0));
+}
+
+TEST_F(PxThreadTest, CreateFailureReturnsNegatedErrorAndStaysIdle)
+{
     pthread_attr_t attr;
     ASSERT_EQ(0, pthread_attr_init(&attr));
     // A stack far beyond any address space makes pthread_create fail.
     ASSERT_EQ(0, pthread_attr_setstacksize(&attr, static_cast<size_t>(1) << 62));
-    PxThread thread;
-    int rc = thread.Create(&forwarder, &attr);
+    int rc = mThread.Create(&mForwarder, &attr);
     pthread_attr_destroy(&attr);
     EXPECT_LT(rc, 0);
     EXPECT_NE(-1, rc);
-    EXPECT_EQ(0, thread.Join(nullptr, -1));
-    worker.mGate.Set();
-    ASSERT_EQ(0, thread.Create(&forwarder, nullptr));
-    EXPECT_EQ(0, thread.Join(nullptr, -1));
+    EXPECT_EQ(0, mThread.Join(nullptr, -1));
+    mGate.Set();
+    ASSERT_EQ(0, mThread.Create(&mForwarder, nullptr));
+    EXPECT_EQ(0, mThread.Join(nullptr, -1));
 }
 
 TEST(PxMutexTest, RecursiveMutexCanBeReentered)
@@ -192,60 +144,51 @@ TEST(PxConditionTest, TimedWaitReportsTimeoutAndSignal)
     signaller.join();
 }
 
-TEST(PxEventTest, TimeoutOnUnsetEvent)
+TEST(PxEventTest, ManualResetStaysSetAutoResetReleasesOneWaitPerSet)
 {
     PxEvent autoEvent(true);
-    PxManualResetEvent manualEvent;
+    PxManualResetEvent manual;
     EXPECT_FALSE(autoEvent.WaitWithTimeout(0));
     EXPECT_FALSE(autoEvent.WaitWithTimeout(20));
-    EXPECT_FALSE(manualEvent.WaitWithTimeout(1));
-    EXPECT_FALSE(manualEvent.IsSet());
-}
+    EXPECT_FALSE(manual.WaitWithTimeout(1));
+    EXPECT_FALSE(manual.IsSet());
 
-TEST(PxEventTest, ManualResetStaysSetUntilReset)
-{
-    PxManualResetEvent event;
-    event.Set();
-    EXPECT_TRUE(event.IsSet());
-    EXPECT_TRUE(event.WaitWithTimeout(0));
-    EXPECT_TRUE(event.WaitWithTimeout(0));
-    event.Wait();
-    EXPECT_TRUE(event.IsSet());
-    event.Reset();
-    EXPECT_FALSE(event.IsSet());
-    EXPECT_FALSE(event.WaitWithTimeout(0));
-}
+    manual.Set();
+    EXPECT_TRUE(manual.WaitWithTimeout(0));
+    EXPECT_TRUE(manual.WaitWithTimeout(0));
+    manual.Wait();
+    EXPECT_TRUE(manual.IsSet());
+    manual.Reset();
+    EXPECT_FALSE(manual.IsSet());
+    EXPECT_FALSE(manual.WaitWithTimeout(0));
 
-TEST(PxEventTest, AutoResetReleasesOneWaitPerSet)
-{
-    PxEvent event(true);
-    event.Set();
-    EXPECT_TRUE(event.IsSet());
-    EXPECT_TRUE(event.WaitWithTimeout(0));
-    EXPECT_FALSE(event.IsSet());
-    EXPECT_FALSE(event.WaitWithTimeout(0));
-    event.Set();
-    event.Wait();
-    EXPECT_FALSE(event.IsSet());
+    autoEvent.Set();
+    EXPECT_TRUE(autoEvent.IsSet());
+    EXPECT_TRUE(autoEvent.WaitWithTimeout(0));
+    EXPECT_FALSE(autoEvent.IsSet());
+    EXPECT_FALSE(autoEvent.WaitWithTimeout(0));
+    autoEvent.Set();
+    autoEvent.Wait();
+    EXPECT_FALSE(autoEvent.IsSet());
 }
 
 TEST(PxEventTest, SetWakesABlockedWaiterAndManualEventStaysSet)
 {
     PxManualResetEvent event;
-    PxManualResetEvent waiting;
     std::atomic<bool> woke{false};
+    std::atomic<pid_t> tid{0};
     std::thread waiter([&] {
-        waiting.Set();
-        woke = event.WaitWithTimeout(30000);
+        tid = ktest::ThreadId();
+        woke = event.WaitWithTimeout(ktest::kWaitLimit.count());
     });
-    ASSERT_TRUE(waiting.WaitWithTimeout(10000));
+    KT_WAIT_FOR(tid.load() != 0, "the waiter to start");
+    EXPECT_TRUE(ktest::WaitUntilBlocked(tid.load())) << "timed out waiting for the waiter to block";
     event.Set();
     waiter.join();
     EXPECT_TRUE(woke.load());
     // Every later wait returns at once.
     EXPECT_TRUE(event.IsSet());
-    std::thread later([&] { woke = event.WaitWithTimeout(0); });
-    later.join();
+    std::thread([&] { woke = event.WaitWithTimeout(0); }).join();
     EXPECT_TRUE(woke.load());
 }
 
@@ -256,7 +199,7 @@ TEST(PxEventTest, AutoResetHandsEachSetToExactlyOneWaiter)
     std::vector<std::thread> waiters;
     for (int i = 0; i < 3; i++) {
         waiters.emplace_back([&] {
-            if (event.WaitWithTimeout(30000))
+            if (event.WaitWithTimeout(ktest::kWaitLimit.count()))
                 released++;
         });
     }
@@ -264,8 +207,8 @@ TEST(PxEventTest, AutoResetHandsEachSetToExactlyOneWaiter)
     // kept in the flag, so three Sets release exactly three waits.
     for (int i = 0; i < 3; i++) {
         event.Set();
-        if (!EventuallyTrue([&] { return released.load() >= i + 1; })) {
-            ADD_FAILURE() << "set " << i << " released no waiter";
+        if (!ktest::WaitUntil([&] { return released.load() >= i + 1; })) {
+            ADD_FAILURE() << "timed out waiting for set " << i << " to release a waiter";
             break; // the waiters end by their own time-out
         }
     }

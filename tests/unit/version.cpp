@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include <string>
+#include <utility>
 
 #include "karvex/karvex_api.h"
 
@@ -40,44 +41,33 @@ TEST_F(VersionTest, OnlyTheExactVersionIsCompatible)
 {
     TPosixSetTraceMask(0);
     EXPECT_EQ(1, KARVEX_CheckApiVersion(1, 0));
-    EXPECT_EQ(0, KARVEX_CheckApiVersion(1, 1));
-    EXPECT_EQ(0, KARVEX_CheckApiVersion(0, 0));
-    EXPECT_EQ(0, KARVEX_CheckApiVersion(0, 1));
-    EXPECT_EQ(0, KARVEX_CheckApiVersion(2, 0));
-    EXPECT_EQ(0, KARVEX_CheckApiVersion(0x10000, 0));
-    EXPECT_EQ(0, KARVEX_CheckApiVersion(1, 0x10000));
-    EXPECT_EQ(0, KARVEX_CheckApiVersion(0xFFFFFFFFu, 0xFFFFFFFFu));
+    for (auto v : {std::make_pair(1u, 1u), {0u, 0u}, {0u, 1u}, {2u, 0u}, {0x10000u, 0u}, {1u, 0x10000u},
+                   {0xFFFFFFFFu, 0xFFFFFFFFu}})
+        EXPECT_EQ(0, KARVEX_CheckApiVersion(v.first, v.second)) << v.first << "." << v.second;
 }
 
-TEST_F(VersionTest, FunctionTraceOnBit0x10)
+// Entry and exit on the function bit, the mismatch on the error bit.
+TEST_F(VersionTest, TraceLinesByMask)
 {
-    TPosixSetTraceMask(KARVEX_TRACE_FUNCTION);
-    std::string out = CaptureTrace([] { EXPECT_EQ(1, KARVEX_CheckApiVersion(1, 0)); });
-    EXPECT_EQ(std::string(kSig) + ": --> majorVersion=1, minorVersion=0\n" + kSig + ": <-- compatible=1\n", out);
-    // A mismatch without the error bit: entry and exit only.
-    out = CaptureTrace([] { EXPECT_EQ(0, KARVEX_CheckApiVersion(1, 1)); });
-    EXPECT_EQ(std::string(kSig) + ": --> majorVersion=1, minorVersion=1\n" + kSig + ": <-- compatible=0\n", out);
-}
-
-TEST_F(VersionTest, MismatchTraceOnBit0x01)
-{
-    TPosixSetTraceMask(KARVEX_TRACE_ERROR);
-    std::string out = CaptureTrace([] { EXPECT_EQ(0, KARVEX_CheckApiVersion(1, 1)); });
-    EXPECT_EQ(std::string(kSig) + ": DLL API version 1.0 is incompatible with requested version 1.1\n", out);
-    out = CaptureTrace([] { EXPECT_EQ(0, KARVEX_CheckApiVersion(0, 0)); });
-    EXPECT_EQ(std::string(kSig) + ": DLL API version 1.0 is incompatible with requested version 0.0\n", out);
-    out = CaptureTrace([] { EXPECT_EQ(0, KARVEX_CheckApiVersion(4294967295u, 7)); });
-    EXPECT_EQ(std::string(kSig) + ": DLL API version 1.0 is incompatible with requested version 4294967295.7\n", out);
-    // A match prints nothing on the error class.
-    EXPECT_EQ("", CaptureTrace([] { EXPECT_EQ(1, KARVEX_CheckApiVersion(1, 0)); }));
-}
-
-TEST_F(VersionTest, AllThreeLinesInOrder)
-{
-    TPosixSetTraceMask(KARVEX_TRACE_ERROR | KARVEX_TRACE_FUNCTION);
-    std::string out = CaptureTrace([] { EXPECT_EQ(0, KARVEX_CheckApiVersion(2, 3)); });
-    EXPECT_EQ(std::string(kSig) + ": --> majorVersion=2, minorVersion=3\n" + kSig +
-                  ": DLL API version 1.0 is incompatible with requested version 2.3\n" + kSig +
-                  ": <-- compatible=0\n",
-              out);
+    const std::string sig = kSig;
+    const std::string mismatch = sig + ": DLL API version 1.0 is incompatible with requested version ";
+    struct {
+        unsigned int mask, major, minor;
+        std::string expected;
+    } const cases[] = {
+        {KARVEX_TRACE_FUNCTION, 1, 0, sig + ": --> majorVersion=1, minorVersion=0\n" + sig + ": <-- compatible=1\n"},
+        {KARVEX_TRACE_FUNCTION, 1, 1, sig + ": --> majorVersion=1, minorVersion=1\n" + sig + ": <-- compatible=0\n"},
+        {KARVEX_TRACE_ERROR, 1, 1, mismatch + "1.1\n"},
+        {KARVEX_TRACE_ERROR, 0, 0, mismatch + "0.0\n"},
+        {KARVEX_TRACE_ERROR, 4294967295u, 7, mismatch + "4294967295.7\n"},
+        {KARVEX_TRACE_ERROR, 1, 0, ""}, // a match prints nothing on the error class
+        {KARVEX_TRACE_ERROR | KARVEX_TRACE_FUNCTION, 2, 3,
+         sig + ": --> majorVersion=2, minorVersion=3\n" + mismatch + "2.3\n" + sig + ": <-- compatible=0\n"},
+    };
+    for (const auto& c : cases) {
+        const int compatible = c.major == 1 && c.minor == 0;
+        SCOPED_TRACE(std::to_string(c.mask) + " " + std::to_string(c.major) + "." + std::to_string(c.minor));
+        EXPECT_EQ(c.expected,
+                  CaptureTrace(c.mask, [&] { EXPECT_EQ(compatible, KARVEX_CheckApiVersion(c.major, c.minor)); }));
+    }
 }
