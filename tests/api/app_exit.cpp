@@ -31,7 +31,7 @@ std::string RunChild(const std::string& exitCase)
     const char* prefix = std::getenv("KARVEX_CHILD_PREFIX");
     const std::string cmd = "KARVEX_EXIT_CASE=" + exitCase + " timeout -k 5 " + (prefix != nullptr ? "600 " : "60 ") +
                             (prefix != nullptr ? std::string(prefix) + " " : std::string()) + "/proc/" +
-                            std::to_string(getpid()) + "/exe --gtest_filter=AppExit.Child 2>&1";
+                            std::to_string(getpid()) + "/exe --gtest_filter=AppExitChild.Child 2>&1";
     FILE* child = popen(cmd.c_str(), "r");
     if (child == nullptr)
         return "popen failed";
@@ -59,7 +59,7 @@ void ExpectCleanEnd(const std::string& exitCase)
 } // namespace
 
 // The child: two adapters open, both callbacks registered, then the case.
-TEST(AppExit, Child)
+TEST(AppExitChild, Child)
 {
     const char* exitCase = std::getenv("KARVEX_EXIT_CASE");
     if (exitCase == nullptr)
@@ -91,23 +91,14 @@ TEST(AppExit, Child)
         std::this_thread::sleep_for(std::chrono::seconds(1));
 }
 
-TEST(AppExit, ExitInAPinCallbackEndsCleanly)
+// exit() in a pin callback, in the device change callback, on the main thread.
+class AppExit : public testing::TestWithParam<const char*> {};
+
+TEST_P(AppExit, EndsCleanly)
 {
     if (std::getenv("KARVEX_EXIT_CASE") != nullptr)
         GTEST_SKIP();
-    ExpectCleanEnd("pin");
+    ExpectCleanEnd(GetParam());
 }
 
-TEST(AppExit, ExitInTheDeviceChangeCallbackEndsCleanly)
-{
-    if (std::getenv("KARVEX_EXIT_CASE") != nullptr)
-        GTEST_SKIP();
-    ExpectCleanEnd("hotplug");
-}
-
-TEST(AppExit, ExitOnTheMainThreadWithEverythingOpenEndsCleanly)
-{
-    if (std::getenv("KARVEX_EXIT_CASE") != nullptr)
-        GTEST_SKIP();
-    ExpectCleanEnd("main");
-}
+INSTANTIATE_TEST_SUITE_P(Where, AppExit, testing::Values("pin", "hotplug", "main"));
