@@ -1,20 +1,12 @@
-// Eight application threads hammer two adapters through the public API for a
-// fixed number of operations: pin and I2C calls mixed with closing and
-// reopening the adapters, pin callback (re)registration and device-change
-// callback (re)registration, while the callbacks themselves call exported
-// functions and an emulator thread toggles event pins, plugs a third adapter
-// in and out and re-sends its arrival.
-//
-// It must not deadlock (a watchdog aborts with each thread's last operation
-// and a gdb dump of all stacks), and no answer may be lost or given to the
-// wrong call: each thread owns one pin and 32 EEPROM bytes on each adapter,
-// so every GetPinState/GetPinMode and every EEPROM read-back has exactly one
-// right answer, which is also what the emulated firmware holds at the end.
-// A call may fail only because its handle was closed under it (another
-// thread reopening the adapter): TSTATUS_INVALID_HANDLE, TSTATUS_ABORTED or
-// TSTATUS_NOT_OPENED; the thread then takes the new handle and carries on.
-// The TSan build runs this too.
-#include "support/api_fixture.h"
+// Eight application threads hammer two adapters through the public API: pin
+// and I2C calls mixed with closing and reopening the adapters and
+// (re)registering both callbacks, while the callbacks call exported functions
+// and an emulator thread toggles event pins, plugs a third adapter in and out
+// and re-sends its arrival. No deadlock (the watchdog dumps every stack), and
+// no answer lost or given to the wrong call: each thread owns one pin and 32
+// EEPROM bytes on each adapter, so every read has exactly one right answer,
+// which the emulated firmware also holds at the end. A call may fail only
+// because another thread closed its handle under it (reopening the adapter).
 #include "support/reliability.h"
 
 #include <unistd.h>
@@ -27,7 +19,6 @@
 #include <thread>
 
 using namespace karvex_test;
-using ktest::StatusName;
 
 namespace {
 
@@ -57,28 +48,15 @@ struct Shared {
     std::atomic<unsigned> reopened{0};
 };
 
-// umockdev's preload library is not safe when one thread changes the
-// testbed or sends a uevent while another reads sysfs (they share static
-// buffers in it). Opening, enumerating and starting the hot-plug watch read
-// sysfs, so the threads that do so take this lock, as does the emulator
-// thread for its changes. The library's hot-plug thread reads sysfs on its
-// own, for every event: so the emulator thread plugs and unplugs only while
-// no device-change callback is registered (no hot-plug thread runs), and
-// while one is, it re-sends the "add" event of a present adapter (as
-// "udevadm trigger" does) and keeps the lock until the callback has run.
+// umockdev's preload library is not safe when the testbed changes while
+// another thread reads sysfs (see HotPlugHold). Opening, enumerating and
+// starting the hot-plug watch read sysfs: they take this lock, as does the
+// emulator thread for its changes. The hot-plug thread reads sysfs for every
+// event: so the emulator thread plugs and unplugs only while no device-change
+// callback is registered, and while one is, it re-sends the "add" event of a
+// present adapter (as "udevadm trigger" does) until the callback has run.
 std::mutex gSysfs;
 bool gChangeCallbackRegistered = false; // under gSysfs
-
-struct Failures {
-    std::mutex mutex;
-    std::vector<std::string> lines;
-    void Add(const std::string& line)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (lines.size() < 40)
-            lines.push_back(line);
-    }
-};
 
 struct PinCallbackContext {
     Shared* shared = nullptr;
@@ -135,12 +113,13 @@ protected:
     void Worker(unsigned t, unsigned iterations);
     void Reopen(Shared& s, unsigned t);
     void Check(unsigned t, const char* what, TSTATUS st);
+    void Fail(unsigned t, const std::string& what) { mFailures.Add("thread " + std::to_string(t) + ": " + what); }
 
     Shared mShared[2];
     PinCallbackContext mPinContext[2];
     ChangeContext mChangeContext;
-    Failures mFailures;
-    reliability::Activity mActivity;
+    EventLog<std::string> mFailures;
+    reliability::Activity mActivity{};
     std::atomic<unsigned long> mCalls{0};
     std::atomic<unsigned long> mClosedUnderIt{0};
     std::atomic<unsigned> mReopenTurn{0};
@@ -156,7 +135,7 @@ void StressTest::Check(unsigned t, const char* what, TSTATUS st)
         ++mClosedUnderIt;
         return;
     }
-    mFailures.Add("thread " + std::to_string(t) + ": " + what + ": " + StatusName(st));
+    Fail(t, std::string(what) + ": " + StatusName(st));
 }
 
 void StressTest::Reopen(Shared& s, unsigned t)
@@ -165,7 +144,7 @@ void StressTest::Reopen(Shared& s, unsigned t)
     const KARVEXDeviceHandle old = s.handle.exchange(0);
     const TSTATUS closed = KARVEX_CloseDevice(old);
     if (closed != TSTATUS_SUCCESS)
-        mFailures.Add("thread " + std::to_string(t) + ": close for reopen: " + StatusName(closed));
+        Fail(t, "close for reopen: " + StatusName(closed));
     KARVEXDeviceHandle h = 0;
     TSTATUS st;
     {
@@ -173,7 +152,7 @@ void StressTest::Reopen(Shared& s, unsigned t)
         st = KARVEX_OpenDevice(s.adapter->device->DevNode().c_str(), &h);
     }
     if (st != TSTATUS_SUCCESS)
-        mFailures.Add("thread " + std::to_string(t) + ": reopen: " + StatusName(st));
+        Fail(t, "reopen: " + StatusName(st));
     s.handle = h;
     ++s.reopened;
 }
@@ -195,7 +174,7 @@ void StressTest::Worker(unsigned t, unsigned iterations)
         switch ((i * 7 + t) % 12) {
         case 0:
         case 1: {
-            mActivity.Set(t, "SetPinState + GetPinState");
+            mActivity[t] = "SetPinState + GetPinState";
             const KARVEX_GPIOState want = ((i / 3) & 1) ? GPIOState_High : GPIOState_Low;
             TSTATUS st = KARVEX_SetPinState(h, pin, want);
             Check(t, "SetPinState", st);
@@ -205,13 +184,12 @@ void StressTest::Worker(unsigned t, unsigned iterations)
             st = KARVEX_GetPinState(h, pin, &got);
             Check(t, "GetPinState", st);
             if (st == TSTATUS_SUCCESS && m.levelKnown && got != want)
-                mFailures.Add("thread " + std::to_string(t) + ": GetPinState answered " + std::to_string(got) +
-                              ", the pin holds " + std::to_string(want));
+                Fail(t, "GetPinState answered " + std::to_string(got) + ", the pin holds " + std::to_string(want));
             break;
         }
         case 2:
         case 3: {
-            mActivity.Set(t, "I2C write + read back");
+            mActivity[t] = "I2C write + read back";
             unsigned char write[1 + 8];
             const unsigned offset = (i % 4) * 8;
             write[0] = static_cast<unsigned char>(t * kRegionBytes + offset);
@@ -229,31 +207,31 @@ void StressTest::Worker(unsigned t, unsigned iterations)
             Check(t, "I2C read", st);
             if (st == TSTATUS_SUCCESS) {
                 if (m.bytesKnown && read != m.bytes)
-                    mFailures.Add("thread " + std::to_string(t) + ": EEPROM read back differs from what was written");
+                    Fail(t, "EEPROM read back differs from what was written");
                 m.bytes = read; // what the adapter holds from now on
                 m.bytesKnown = true;
             }
             break;
         }
         case 4: {
-            mActivity.Set(t, "GetPinMode");
+            mActivity[t] = "GetPinMode";
             KARVEX_GPIOMode mode = GPIOMode_Input;
             const TSTATUS st = KARVEX_GetPinMode(h, pin, &mode);
             Check(t, "GetPinMode", st);
             if (st == TSTATUS_SUCCESS && mode != GPIOMode_Output_Low && mode != GPIOMode_Output_High)
-                mFailures.Add("thread " + std::to_string(t) + ": GetPinMode answered " + std::to_string(mode));
+                Fail(t, "GetPinMode answered " + std::to_string(mode));
             break;
         }
         case 5:
-            mActivity.Set(t, "RegisterPinEventCallback(callback)");
+            mActivity[t] = "RegisterPinEventCallback(callback)";
             Check(t, "RegisterPinEventCallback", KARVEX_RegisterPinEventCallback(h, OnPin, &mPinContext[which]));
             break;
         case 6:
-            mActivity.Set(t, "RegisterPinEventCallback(NULL)");
+            mActivity[t] = "RegisterPinEventCallback(NULL)";
             Check(t, "RegisterPinEventCallback(NULL)", KARVEX_RegisterPinEventCallback(h, nullptr, nullptr));
             break;
         case 7: {
-            mActivity.Set(t, "RegisterDeviceChangeCallback");
+            mActivity[t] = "RegisterDeviceChangeCallback";
             std::lock_guard<std::mutex> sysfs(gSysfs);
             const bool on = (i / 12 + t) & 1;
             Check(t, "RegisterDeviceChangeCallback",
@@ -262,17 +240,17 @@ void StressTest::Worker(unsigned t, unsigned iterations)
             break;
         }
         case 8:
-            mActivity.Set(t, "close + reopen");
+            mActivity[t] = "close + reopen";
             if (const unsigned turn = mReopenTurn++; turn % 3 == 0)
                 Reopen(mShared[(turn / 3) & 1], t);
             break;
         case 9: {
-            mActivity.Set(t, "queries");
+            mActivity[t] = "queries";
             unsigned int vid = 0, pid = 0, bcd = 0;
             TSTATUS st = KARVEX_GetDeviceUsbInfo(h, &vid, &pid, &bcd);
             Check(t, "GetDeviceUsbInfo", st);
             if (st == TSTATUS_SUCCESS && (vid != KARVEX_USB_VENDOR_ID || pid != s.adapter->device->Config().pid))
-                mFailures.Add("thread " + std::to_string(t) + ": GetDeviceUsbInfo answered another adapter");
+                Fail(t, "GetDeviceUsbInfo answered another adapter");
             char serial[32];
             st = KARVEX_GetDeviceSerialNumber(h, serial, sizeof serial);
             Check(t, "GetDeviceSerialNumber", st);
@@ -281,14 +259,14 @@ void StressTest::Worker(unsigned t, unsigned iterations)
             break;
         }
         case 10: {
-            mActivity.Set(t, "EnumerateDevices");
+            mActivity[t] = "EnumerateDevices";
             std::lock_guard<std::mutex> sysfs(gSysfs);
             unsigned int count = 0;
             Check(t, "EnumerateDevices", KARVEX_EnumerateDevices(&count));
             break;
         }
         default: {
-            mActivity.Set(t, "SetPinMode");
+            mActivity[t] = "SetPinMode";
             const KARVEX_GPIOMode mode = (i & 2) ? GPIOMode_Output_High : GPIOMode_Output_Low;
             const TSTATUS st = KARVEX_SetPinMode(h, pin, mode);
             Check(t, "SetPinMode", st);
@@ -299,7 +277,7 @@ void StressTest::Worker(unsigned t, unsigned iterations)
         }
         }
     }
-    mActivity.Set(t, "finished");
+    mActivity[t] = "finished";
 }
 
 TEST_F(StressTest, EightThreadsTwoAdaptersNoDeadlockNoLostAnswer)
@@ -328,7 +306,7 @@ TEST_F(StressTest, EightThreadsTwoAdaptersNoDeadlockNoLostAnswer)
     std::atomic<unsigned> triggers{0};
     std::atomic<unsigned> lostNotifications{0};
     std::thread emulator([&] {
-        mActivity.Set(kThreads, "emulator: events and plugging");
+        mActivity[kThreads] = "emulator: events and plugging";
         for (unsigned n = 0; !stop; ++n) {
             for (unsigned a = 0; a < 2; ++a)
                 mShared[a].adapter->firmware->SetInputLevel(kEventPin, n & 1);
@@ -350,7 +328,7 @@ TEST_F(StressTest, EightThreadsTwoAdaptersNoDeadlockNoLostAnswer)
             }
             usleep(2000);
         }
-        mActivity.Set(kThreads, "emulator: stopped");
+        mActivity[kThreads] = "emulator: stopped";
     });
 
     const auto start = std::chrono::steady_clock::now();
@@ -373,7 +351,7 @@ TEST_F(StressTest, EightThreadsTwoAdaptersNoDeadlockNoLostAnswer)
                 kThreads, iterations, mCalls.load(), seconds, mClosedUnderIt.load(), mShared[0].reopened.load(),
                 mShared[1].reopened.load(), plugs.load(), triggers.load(), mPinContext[0].calls + mPinContext[1].calls,
                 mChangeContext.calls.load());
-    for (const std::string& line : mFailures.lines)
+    for (const std::string& line : mFailures.Items())
         ADD_FAILURE() << line;
     EXPECT_EQ(0u, lostNotifications.load()) << "a re-sent add event was not reported";
     EXPECT_GT(triggers.load(), 0u);
