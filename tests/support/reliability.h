@@ -1,7 +1,7 @@
 // Scaffolding of the reliability tests (unplug faults, stress, storms): sizes
 // the sanitizer builds turn down, a watchdog that turns a hang into a failure
 // with thread dumps, a device-change callback that holds the hot-plug thread
-// while the testbed changes, memory counts and a trace line counter.
+// while the testbed changes, and memory counts.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -166,63 +166,5 @@ inline unsigned long HeapInUseBytes() { return __sanitizer_get_current_allocated
 constexpr bool cSanitizedHeap = false;
 inline unsigned long HeapInUseBytes() { return mallinfo2().uordblks; }
 #endif
-
-// Sends standard output (where the library traces) into a pipe until Stop and
-// counts the lines equal to one given line without keeping them: a storm
-// writes far more trace than a capture file should hold. Other lines are
-// kept, up to a limit, to be shown when they should not be there.
-class TraceLineCounter {
-public:
-    explicit TraceLineCounter(std::string line) : mLine(std::move(line))
-    {
-        std::fflush(stdout);
-        int fds[2];
-        if (pipe(fds) != 0)
-            return;
-        mSavedStdout = dup(STDOUT_FILENO);
-        dup2(fds[1], STDOUT_FILENO);
-        close(fds[1]);
-        mReader = std::thread([this, in = fds[0]] {
-            std::string partial;
-            char buffer[65536];
-            for (ssize_t n; (n = read(in, buffer, sizeof buffer)) > 0;) {
-                partial.append(buffer, static_cast<std::size_t>(n));
-                std::size_t start = 0;
-                for (std::size_t nl; (nl = partial.find('\n', start)) != std::string::npos; start = nl + 1) {
-                    if (partial.compare(start, nl + 1 - start, mLine) == 0)
-                        ++mMatching;
-                    else if (++mOthers <= 64)
-                        mOtherLines.append(partial, start, nl + 1 - start);
-                }
-                partial.erase(0, start);
-            }
-            close(in);
-        });
-    }
-    ~TraceLineCounter() { Stop(); }
-
-    // Restores standard output; the counts are final after it.
-    void Stop()
-    {
-        if (mSavedStdout < 0)
-            return;
-        std::fflush(stdout);
-        dup2(mSavedStdout, STDOUT_FILENO); // closes the pipe's last write end
-        close(mSavedStdout);
-        mSavedStdout = -1;
-        mReader.join();
-    }
-    unsigned long Matching() const { return mMatching; }
-    unsigned long Others() const { return mOthers; }
-    const std::string& SomeOthers() const { return mOtherLines; } // after Stop
-
-private:
-    std::string mLine; // with its newline
-    int mSavedStdout = -1;
-    std::thread mReader;
-    std::atomic<unsigned long> mMatching{0};
-    std::atomic<unsigned long> mOthers{0};
-    std::string mOtherLines;
-};
 
 } // namespace reliability
