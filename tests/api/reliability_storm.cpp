@@ -80,6 +80,8 @@ TEST_F(ApiTest, EventStormAgainstASlowCallbackStaysBoundedAndAnswersCommands)
     unsigned long stalled = 0;
     unsigned long rssAfterWarmUp = 0;
     unsigned long heapAfterWarmUp = 0;
+    unsigned long rssEnd = 0;
+    unsigned long heapEnd = 0;
     unsigned nextPin = kStormPin;
     // A THID_EVT_PIN_STATE_CHANGED input report as the firmware sends it
     // (length 16, code 0xE1, pin ID and state patched per event).
@@ -128,6 +130,9 @@ TEST_F(ApiTest, EventStormAgainstASlowCallbackStaysBoundedAndAnswersCommands)
         EXPECT_EQ(GPIOMode_InputEvent, mode);
         // Stops the pin event thread; what is still queued is dropped with the queue.
         ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_RegisterPinEventCallback(h, nullptr, nullptr));
+        // Before the captured trace is read into memory.
+        rssEnd = reliability::StatusKb("VmRSS");
+        heapEnd = reliability::HeapInUseBytes();
     });
     const auto elapsed = std::chrono::steady_clock::now() - start;
     const unsigned long overruns = CountOf(trace, kOverrunLine);
@@ -136,8 +141,6 @@ TEST_F(ApiTest, EventStormAgainstASlowCallbackStaysBoundedAndAnswersCommands)
         if (trace.compare(at, nl + 1 - at, kOverrunLine) != 0)
             others.append(trace, at, nl + 1 - at);
     }
-    const unsigned long rssEnd = reliability::StatusKb("VmRSS");
-    const unsigned long heapEnd = reliability::HeapInUseBytes();
 
     const unsigned long eventsRead = a.device->ReadCount() - readsBefore - commands;
     const double seconds = std::chrono::duration<double>(elapsed).count();
