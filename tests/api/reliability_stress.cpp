@@ -58,11 +58,12 @@ struct Shared {
 std::mutex gSysfs;
 bool gChangeCallbackRegistered = false; // under gSysfs
 
+// What the threads and callbacks found wrong.
+EventLog<std::string> gFailures;
+
 struct PinCallbackContext {
     Shared* shared = nullptr;
     std::atomic<unsigned> calls{0};
-    std::atomic<unsigned> bad{0};
-    std::atomic<TSTATUS> lastBad{TSTATUS_SUCCESS};
 };
 
 // Pin callback: reads the event pin's mode back on the pin event thread.
@@ -73,15 +74,12 @@ void OnPin(void* context, unsigned int pin, KARVEX_GPIOState state)
     KARVEX_GPIOMode mode = GPIOMode_Input;
     const TSTATUS st = KARVEX_GetPinMode(c->shared->handle.load(), kEventPin, &mode);
     const bool ok = (st == TSTATUS_SUCCESS && mode == GPIOMode_InputEvent) || ClosedUnderIt(st);
-    if (!ok || pin != kEventPin || (state != GPIOState_Low && state != GPIOState_High)) {
-        ++c->bad;
-        c->lastBad = st;
-    }
+    if (!ok || pin != kEventPin || (state != GPIOState_Low && state != GPIOState_High))
+        gFailures.Add("pin callback: pin " + std::to_string(pin) + ", GetPinMode " + StatusName(st));
 }
 
 struct ChangeContext {
     std::atomic<unsigned> calls{0};
-    std::atomic<unsigned> bad{0};
 };
 
 // Device-change callback: enumerates on the hot-plug thread.
@@ -95,7 +93,7 @@ void OnChange(void* context, KARVEXDeviceEvent event)
                     KARVEX_GetDeviceInstanceId(0, id, sizeof id) == TSTATUS_SUCCESS &&
                     (event == KARVEXEvent_DeviceAttached || event == KARVEXEvent_DeviceRemoved);
     if (!ok)
-        ++c->bad;
+        gFailures.Add("device-change callback: enumeration " + StatusName(st) + ", count " + std::to_string(count));
     ++c->calls;
 }
 
@@ -113,12 +111,11 @@ protected:
     void Worker(unsigned t, unsigned iterations);
     void Reopen(Shared& s, unsigned t);
     void Check(unsigned t, const char* what, TSTATUS st);
-    void Fail(unsigned t, const std::string& what) { mFailures.Add("thread " + std::to_string(t) + ": " + what); }
+    void Fail(unsigned t, const std::string& what) { gFailures.Add("thread " + std::to_string(t) + ": " + what); }
 
     Shared mShared[2];
     PinCallbackContext mPinContext[2];
     ChangeContext mChangeContext;
-    EventLog<std::string> mFailures;
     reliability::Activity mActivity{};
     std::atomic<unsigned long> mCalls{0};
     std::atomic<unsigned long> mClosedUnderIt{0};
@@ -351,14 +348,12 @@ TEST_F(StressTest, EightThreadsTwoAdaptersNoDeadlockNoLostAnswer)
                 kThreads, iterations, mCalls.load(), seconds, mClosedUnderIt.load(), mShared[0].reopened.load(),
                 mShared[1].reopened.load(), plugs.load(), triggers.load(), mPinContext[0].calls + mPinContext[1].calls,
                 mChangeContext.calls.load());
-    for (const std::string& line : mFailures.Items())
-        ADD_FAILURE() << line;
+    const auto failures = gFailures.Items();
+    for (std::size_t i = 0; i < failures.size() && i < 40; ++i)
+        ADD_FAILURE() << failures[i];
     EXPECT_EQ(0u, lostNotifications.load()) << "a re-sent add event was not reported";
     EXPECT_GT(triggers.load(), 0u);
     EXPECT_GT(plugs.load(), 0u);
-    EXPECT_EQ(0u, mPinContext[0].bad + mPinContext[1].bad) << StatusName(mPinContext[0].lastBad) << " "
-                                                            << StatusName(mPinContext[1].lastBad);
-    EXPECT_EQ(0u, mChangeContext.bad.load());
     EXPECT_GT(mPinContext[0].calls + mPinContext[1].calls, 0u);
 
     // What the firmware holds is what the threads last saw succeed.
