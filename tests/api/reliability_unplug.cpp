@@ -4,8 +4,9 @@
 // callback that closes the handle as an application does. Every call returns
 // within its own time budget with the status the library documents for that
 // moment, the application can close the handle, nothing is left behind (no
-// thread, no descriptor), and the adapter works again once replugged.
-// The testbed changes only while the hot-plug thread is held (HotPlugHold).
+// thread, no descriptor), and the adapter works again once replugged; and
+// adapters that leave together are each reported once. The testbed changes
+// only while the hot-plug thread is held (HotPlugHold).
 #include "support/reliability.h"
 
 #include <dirent.h>
@@ -125,6 +126,25 @@ protected:
         Change([&] { added = &AddAdapter(pid, serial); }, KARVEXEvent_DeviceAttached);
         return *added;
     }
+    // Adapters that leave together (a hub pulled out, a composite adapter
+    // with two matching interfaces): udev sends each "remove" only after the
+    // node has left sysfs, so when the hot-plug thread handles the first
+    // removal, the second adapter is already gone from any enumeration.
+    // Each must still be reported once: unplugAll runs while the thread is
+    // held after an arrival, and a sentinel's arrival is the next event.
+    void ExpectEachRemovalOnce(const std::function<void()>& unplugAll)
+    {
+        const std::size_t before = mHotPlug.log.Size();
+        unplugAll();
+        mHotPlug.StopHolding();
+        ASSERT_TRUE(mHotPlug.log.WaitForCount(before + 2)) << "two removals";
+        AddAdapter(KARVEX_USB_PRODUCT_ID_3, "KVXSENT01");
+        ASSERT_TRUE(mHotPlug.log.WaitForCount(before + 3)) << "the sentinel's arrival";
+        const auto events = mHotPlug.log.Items();
+        EXPECT_EQ(std::vector<KARVEXDeviceEvent>({KARVEXEvent_DeviceRemoved, KARVEXEvent_DeviceRemoved,
+                                                  KARVEXEvent_DeviceAttached}),
+                  std::vector<KARVEXDeviceEvent>(events.begin() + before, events.end()));
+    }
     KARVEXDeviceHandle OpenQuietly(const EmulatedAdapter& a)
     {
         KARVEXDeviceHandle h = 0;
@@ -135,6 +155,30 @@ protected:
 
     reliability::HotPlugHold mHotPlug;
 };
+
+TEST_F(UnplugTest, TwoAdaptersOnAHubLeaveTogether)
+{
+    auto& a = AddAdapterAndWait(KARVEX_USB_PRODUCT_ID_1, "KVXBURST1");
+    auto& b = AddAdapterAndWait(KARVEX_USB_PRODUCT_ID_1, "KVXBURST2");
+    ExpectEachRemovalOnce([&] {
+        a.device->Unplug();
+        b.device->Unplug();
+    });
+}
+
+TEST_F(UnplugTest, CompositeAdapterWithTwoMatchingInterfacesLeaves)
+{
+    std::vector<kemu::EmuHidDevice*> interfaces;
+    for (const kemu::EmuHidDeviceConfig& config : kemu::CompositeDeviceConfigs())
+        Change([&] { interfaces.push_back(&mTestbed->AddDevice(config)); }, KARVEXEvent_DeviceAttached);
+    unsigned int count = 0;
+    ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_EnumerateDevices(&count));
+    ASSERT_EQ(2u, count);
+    ExpectEachRemovalOnce([&] {
+        for (kemu::EmuHidDevice* device : interfaces)
+            device->Unplug();
+    });
+}
 
 // The long test: 200 cycles of open, fault, unplug, close, replug, each
 // cycle taking the adapter away at another moment.
