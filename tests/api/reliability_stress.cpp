@@ -1,12 +1,11 @@
-// Eight application threads hammer two adapters through the public API: pin
-// and I2C calls mixed with closing and reopening the adapters and
-// (re)registering both callbacks, while the callbacks call exported functions
-// and an emulator thread toggles event pins, plugs a third adapter in and out
-// and re-sends its arrival. No deadlock (the watchdog dumps every stack), and
-// no answer lost or given to the wrong call: each thread owns one pin and 32
-// EEPROM bytes on each adapter, so every read has exactly one right answer,
-// which the emulated firmware also holds at the end. A call may fail only
-// because another thread closed its handle under it (reopening the adapter).
+// Eight threads hammer two adapters through the public API: pin and I2C calls
+// mixed with closing and reopening the adapters and (re)registering both
+// callbacks, which call exported functions, while an emulator thread toggles
+// event pins, plugs a third adapter in and out and re-sends its arrival. No
+// deadlock, and no answer lost or given to the wrong call: each thread owns a
+// pin and 32 EEPROM bytes on each adapter, so every read has one right answer,
+// which the firmware also holds at the end. A call may fail only because
+// another thread closed its handle under it (reopening the adapter).
 #include "support/reliability.h"
 
 #include <unistd.h>
