@@ -1,10 +1,8 @@
 // The API's locking and its callbacks: a call waiting on one adapter holds up
-// neither the other adapter nor the rest of the API; calling back into the
-// library from callbacks, exceptions escaping them, and closing or
-// re-registering while they run. (The pin event thread itself and the pin and
-// I2C calls on the wire are the device object's, tested there; that each call
-// reaches the adapter of its handle, and pin callbacks calling in, the stress
-// test checks.)
+// neither the other adapter nor the rest of the API; callbacks calling back
+// in, throwing, and closes while they run. (The pin event thread and the
+// calls on the wire are the device object's; the stress test checks that each
+// call reaches the adapter of its handle, and pin callbacks calling in.)
 #include "support/api_fixture.h"
 
 #include <atomic>

@@ -87,12 +87,9 @@ TEST_F(ApiTest, PinCallbacksClosingEachOthersAdaptersBothReturn)
     struct Side {
         KARVEXDeviceHandle other = 0;
         Gate entered;
-        Gate* peerEntered = nullptr;
         Result result;
     };
     static Side sideA, sideB;
-    sideA.peerEntered = &sideB.entered;
-    sideB.peerEntered = &sideA.entered;
     const KARVEXDeviceHandle ha = Open(a);
     const KARVEXDeviceHandle hb = Open(b);
     ASSERT_NE(0u, ha);
@@ -103,7 +100,7 @@ TEST_F(ApiTest, PinCallbacksClosingEachOthersAdaptersBothReturn)
         auto* side = static_cast<Side*>(ctx);
         side->entered.Open();
         // Both callbacks run before either closes.
-        side->peerEntered->Pass();
+        (side == &sideA ? sideB : sideA).entered.Pass();
         side->result.Set(KARVEX_CloseDevice(side->other));
     };
     for (KARVEXDeviceHandle h : {ha, hb}) {

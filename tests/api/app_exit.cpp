@@ -1,8 +1,6 @@
 // A process that ends with handles open and both callbacks registered ends
-// cleanly, on whichever thread it ends: exit() in a pin callback, exit() in
-// the device change callback, exit() on the main thread. Each case runs in a
-// child process (this binary again); KARVEX_CHILD_PREFIX may put a checker
-// such as valgrind in front of it.
+// cleanly on whichever thread it calls exit(). Each case runs in a child (this
+// binary again); KARVEX_CHILD_PREFIX may put a checker such as valgrind first.
 #include "support/api_fixture.h"
 
 #include <unistd.h>

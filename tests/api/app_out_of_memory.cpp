@@ -31,10 +31,9 @@ void* operator new(std::size_t size)
     throw std::bad_alloc();
 }
 
-// Every other form goes to malloc as well, so that whatever the sanitizer
-// runtime would otherwise supply never meets our delete. Only the throwing
-// form above is made to fail: the nothrow allocations of the library have
-// their own null checks, which other tests reach.
+// Every other form goes to malloc as well, so that no sanitizer's form meets
+// our delete. Only the throwing form fails: the library's nothrow allocations
+// have their own null checks, which other tests reach.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
     return std::malloc(size != 0 ? size : 1);

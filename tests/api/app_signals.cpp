@@ -1,8 +1,7 @@
-// An application's signals (SIGCHLD of a child, SIGALRM, a handled SIGUSR1...)
-// must not change what it sees from the library. The library's threads block
-// every asynchronous signal, so a process-directed one goes to an application
-// thread; a signal that still reaches a library thread (one the application
-// aims at it, or a synchronous one) only interrupts a wait, which resumes.
+// An application's signals (SIGCHLD, SIGALRM, a handled SIGUSR1...) must not
+// change what it sees from the library. The library's threads block every
+// asynchronous signal, so a process-directed one goes to an application
+// thread; one that still reaches a library thread only interrupts a wait.
 #include "support/reliability.h"
 
 #include <signal.h>
@@ -138,14 +137,12 @@ TEST_F(AppSignals, LibraryThreadsBlockAsynchronousSignalsAndTheCallerKeepsItsMas
     EXPECT_EQ(callerMask, BlockedSignals(self)) << "the calling thread's mask changed";
 }
 
-// A signal storm while everything runs: hot-plug, pin events and I2C. The
-// application takes its process-directed signals on a thread of its own that
-// leaves them unblocked; every other application thread blocks them, as such
-// programs do. The library's threads are created before that, so they would
-// be candidates for those signals unless they block them themselves; each
-// also gets them and SIGSYS (which nothing blocks) aimed at it by tgkill, so
-// its waits are interrupted over and over. Every operation must still
-// succeed and every event arrive.
+// A signal storm while hot-plug, pin events and I2C run. The application takes
+// its signals on one thread; its others block them (created before that, the
+// library's threads would be candidates unless they block them themselves).
+// Each library thread also gets them and SIGSYS (which nothing blocks) by
+// tgkill, so its waits are interrupted over and over. Every operation must
+// still succeed and every event arrive.
 TEST_F(AppSignals, EverythingWorksWhileSignalsRain)
 {
     const unsigned kHotplugCycles = static_cast<unsigned>(reliability::EnvCount("KARVEX_SIGNAL_STORM_CYCLES", 10));
@@ -181,9 +178,8 @@ TEST_F(AppSignals, EverythingWorksWhileSignalsRain)
         while (!stop.load())
             std::this_thread::sleep_for(ktest::Ms(1));
     });
-    std::atomic<unsigned> sent{0};
     std::thread storm([&] {
-        for (unsigned i = 0; !stop.load(); ++i, ++sent) {
+        for (unsigned i = 0; !stop.load(); ++i) {
             kill(getpid(), kAppSignals[i % 3]);
             for (pid_t t : library) {
                 syscall(SYS_tgkill, getpid(), t, SIGSYS);
@@ -244,7 +240,6 @@ TEST_F(AppSignals, EverythingWorksWhileSignalsRain)
     EXPECT_EQ(0u, gAppSignalsOnLibraryThreads.load()) << "a library thread ran the application's signal handler";
     EXPECT_GT(gAppSignals.load(), 0u);
     EXPECT_GT(gSysTaken.load(), 0u);
-    EXPECT_GT(sent.load(), 0u);
     // Library threads still answer after the storm.
     KARVEX_GPIOState state = GPIOState_Low;
     EXPECT_EQ(TSTATUS_SUCCESS, KARVEX_GetPinState(h, 3, &state));

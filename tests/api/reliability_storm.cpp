@@ -89,8 +89,7 @@ TEST_F(ApiTest, EventStormAgainstASlowCallbackStaysBoundedAndAnswersCommands)
     event[0] = 16;
     event[2] = 0xE1;
     const auto start = std::chrono::steady_clock::now();
-    // The overrun lines go to a capture file: the library reads only a few
-    // thousand events a second, so it stays a few megabytes.
+    // A few megabytes of overrun lines: the library reads a few thousand events a second.
     const std::string trace = CaptureTrace(KARVEX_TRACE_ERROR | KARVEX_TRACE_WARNING, [&] {
         for (unsigned long burst = 0; burst < bursts; ++burst) {
             const unsigned long count = std::min<unsigned long>(kBurst, events - burst * kBurst);

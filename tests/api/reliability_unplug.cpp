@@ -1,12 +1,8 @@
-// Unplugging an adapter at the worst moments, through the public API only:
-// while a pin or I2C command waits for its answer, while OpenDevice talks to
-// the adapter, in the middle of a pin event storm, and with a device-change
-// callback that closes the handle as an application does. Every call returns
-// within its own time budget with the status the library documents for that
-// moment, the application can close the handle, nothing is left behind (no
-// thread, no descriptor), and the adapter works again once replugged; and
-// adapters that leave together are each reported once. The testbed changes
-// only while the hot-plug thread is held (HotPlugHold).
+// Unplugging adapters at the worst moments, through the public API only, with
+// a device-change callback that closes the handle as an application does.
+// Every call returns within its own time budget with the documented status,
+// nothing is left behind (no thread, no descriptor), the adapter works again
+// once replugged, and adapters that leave together are each reported once.
 #include "support/reliability.h"
 
 #include <dirent.h>

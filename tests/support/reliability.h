@@ -146,10 +146,8 @@ struct HotPlugHold {
     }
 };
 
-// Memory of the process: RSS from /proc (kB), and heap bytes in use. The
-// sanitizers keep freed blocks in quarantine, which makes the RSS of their
-// builds grow with every allocation however short-lived; their allocator
-// counts only live blocks.
+// A "Vm...:" field of /proc/self/status in kB, and heap bytes in use (the
+// sanitizers' quarantine makes RSS grow; their allocator counts live blocks).
 inline unsigned long StatusKb(const char* field)
 {
     std::ifstream status("/proc/self/status");
