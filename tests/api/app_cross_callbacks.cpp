@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <string>
 
 using namespace karvex_test;
 

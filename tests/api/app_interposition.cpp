@@ -25,9 +25,7 @@ extern "C" const char* TStatusStringA(int)
     return "application's own";
 }
 
-class Interposition : public ApiTest {};
-
-TEST_F(Interposition, LibraryTraceStaysInsideTheLibrary)
+TEST_F(ApiTest, LibraryTraceStaysInsideTheLibrary)
 {
     TSTATUS st = TSTATUS_SUCCESS;
     const std::string out = CaptureTrace(KARVEX_TRACE_FUNCTION | KARVEX_TRACE_ERROR, [&] {

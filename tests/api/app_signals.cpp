@@ -150,8 +150,7 @@ TEST_F(AppSignals, LibraryThreadsBlockAsynchronousSignalsAndTheCallerKeepsItsMas
 TEST_F(AppSignals, EverythingWorksWhileSignalsRain)
 {
     const unsigned kHotplugCycles = static_cast<unsigned>(reliability::EnvCount("KARVEX_SIGNAL_STORM_CYCLES", 10));
-    const unsigned kTransactions = 20 * kHotplugCycles;
-    const unsigned kPinEvents = 20 * kHotplugCycles;
+    const unsigned kRounds = 20 * kHotplugCycles; // I2C round trips, and pin events
     EmulatedAdapter& adapter = AddAdapter();
     std::atomic<unsigned> pinEvents{0};
     EventLog<KARVEXDeviceEvent> hotplug;
@@ -195,7 +194,7 @@ TEST_F(AppSignals, EverythingWorksWhileSignalsRain)
     std::atomic<unsigned> i2cFailures{0};
     std::atomic<TSTATUS> i2cFirstFailure{TSTATUS_SUCCESS};
     std::thread i2c([&] {
-        for (unsigned i = 0; i < kTransactions; ++i) {
+        for (unsigned i = 0; i < kRounds; ++i) {
             const unsigned char write[3] = {0x20, static_cast<unsigned char>(i), static_cast<unsigned char>(~i)};
             unsigned char read[2] = {};
             TSTATUS st = KARVEX_I2cTransaction(h, 0, 400000, 0x50, write, sizeof write, nullptr, 0, 100);
@@ -208,7 +207,7 @@ TEST_F(AppSignals, EverythingWorksWhileSignalsRain)
         }
     });
     std::thread pinDriver([&] {
-        for (unsigned i = 0; i < kPinEvents; ++i) {
+        for (unsigned i = 0; i < kRounds; ++i) {
             adapter.firmware->SetInputLevel(3, (i & 1) == 0);
             if (!WaitUntil([&] { return pinEvents.load() > i; }))
                 return;
@@ -238,9 +237,9 @@ TEST_F(AppSignals, EverythingWorksWhileSignalsRain)
     const auto events = hotplug.Items();
     for (std::size_t i = 0; i < events.size(); ++i)
         EXPECT_EQ(i % 2 == 0 ? KARVEXEvent_DeviceAttached : KARVEXEvent_DeviceRemoved, events[i]) << "event " << i;
-    EXPECT_EQ(0u, i2cFailures.load()) << "of " << kTransactions << " I2C round trips, the first with "
+    EXPECT_EQ(0u, i2cFailures.load()) << "of " << kRounds << " I2C round trips, the first with "
                                       << StatusName(i2cFirstFailure.load());
-    EXPECT_EQ(kPinEvents, pinEvents.load());
+    EXPECT_EQ(kRounds, pinEvents.load());
     EXPECT_EQ(0u, gAppSignalsOnLibraryThreads.load()) << "a library thread ran the application's signal handler";
     EXPECT_GT(gAppSignals.load(), 0u);
     EXPECT_GT(gSysTaken.load(), 0u);
