@@ -3,8 +3,6 @@
 // that the Nth allocation made on the armed thread throws std::bad_alloc.
 #include "support/api_fixture.h"
 
-#include <dirent.h>
-
 #include <cstdlib>
 #include <new>
 
@@ -18,17 +16,6 @@ namespace {
 
 thread_local long tAllocationsUntilFailure = -1; // -1: never fail
 thread_local bool tFailed = false;
-
-std::size_t ThreadCount()
-{
-    std::size_t count = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir))
-            count += entry->d_name[0] != '.';
-        closedir(dir);
-    }
-    return count;
-}
 
 } // namespace
 
@@ -44,10 +31,9 @@ void* operator new(std::size_t size)
     throw std::bad_alloc();
 }
 
-// Every other form goes to malloc as well, so that whatever the sanitizer
-// runtime would otherwise supply never meets our delete. Only the throwing
-// form above is made to fail: the nothrow allocations of the library have
-// their own null checks, which other tests reach.
+// Every other form goes to malloc as well, so that no sanitizer's form meets
+// our delete. Only the throwing form fails: the library's nothrow allocations
+// have their own null checks, which other tests reach.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
     return std::malloc(size != 0 ? size : 1);
@@ -96,7 +82,7 @@ void operator delete(void* p, std::size_t) noexcept
 TEST_F(ApiTest, OpenOutOfMemoryReturnsNoMemoryAndLeavesNothing)
 {
     auto& a = AddAdapter();
-    const std::size_t threads = ThreadCount();
+    const std::size_t threads = ktest::Tasks().size();
     // Fail the 1st, 2nd, ... allocation of the open until one succeeds
     // without any failure: every allocation on the path has failed once.
     bool noMemorySeen = false;
@@ -130,7 +116,7 @@ TEST_F(ApiTest, OpenOutOfMemoryReturnsNoMemoryAndLeavesNothing)
         noMemorySeen = noMemorySeen || st == TSTATUS_NO_MEMORY;
         EXPECT_EQ(0u, h);
         // Nothing kept: no reader thread, the adapter not held.
-        EXPECT_EQ(threads, ThreadCount()) << "allocation " << n;
+        EXPECT_EQ(threads, ktest::Tasks().size()) << "allocation " << n;
         KARVEXDeviceHandle probe = 0;
         ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_OpenDevice(a.device->DevNode().c_str(), &probe)) << "allocation " << n;
         ASSERT_EQ(TSTATUS_SUCCESS, KARVEX_CloseDevice(probe));

@@ -4,11 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <cstdio>
+#include <algorithm>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -24,30 +21,8 @@ using ktest::CaptureTrace;
 using ktest::CountOf;
 using ktest::EventLog;
 using ktest::Gate;
+using ktest::StatusName;
 using ktest::WaitUntil;
-
-// Collects trace output written to standard output between Start and Stop.
-class TraceCapture {
-public:
-    void Start()
-    {
-        fflush(stdout);
-        testing::internal::CaptureStdout();
-        mActive = true;
-    }
-    std::string Stop()
-    {
-        if (!mActive)
-            return {};
-        fflush(stdout);
-        mActive = false;
-        return testing::internal::GetCapturedStdout();
-    }
-    ~TraceCapture() { Stop(); }
-
-private:
-    bool mActive = false;
-};
 
 struct EmulatedAdapter {
     kemu::EmuHidDevice* device = nullptr;
@@ -85,6 +60,7 @@ protected:
         return *mAdapters.back();
     }
 
+    // Opens and closes at tear-down (unless Closed says the test did).
     KARVEXDeviceHandle Open(const EmulatedAdapter& adapter)
     {
         KARVEXDeviceHandle h = 0;
@@ -94,15 +70,7 @@ protected:
         return h;
     }
 
-    void Closed(KARVEXDeviceHandle h)
-    {
-        for (auto it = mOpened.begin(); it != mOpened.end(); ++it) {
-            if (*it == h) {
-                mOpened.erase(it);
-                return;
-            }
-        }
-    }
+    void Closed(KARVEXDeviceHandle h) { mOpened.erase(std::remove(mOpened.begin(), mOpened.end(), h), mOpened.end()); }
 
     std::unique_ptr<kemu::EmuTestbed> mTestbed;
     std::vector<std::unique_ptr<EmulatedAdapter>> mAdapters;
