@@ -291,16 +291,17 @@ TEST_F(DeviceEventTest, CloseWaitsForARunningCallbackAndItsCommand)
     EXPECT_FALSE(device.IsOpen());
 }
 
-// A callback cannot stop the thread it runs on: closing its own device from
-// inside it is refused and changes nothing. (The API refuses a close from the
-// callback before it reaches the device; re-registering from inside is seen
-// through the API by its cross-callback test.)
-TEST_F(DeviceEventTest, CallbackCannotCloseItsDevice)
+// A callback cannot stop the thread it runs on: re-registering or closing its
+// own device from inside it is refused and changes nothing.
+TEST_F(DeviceEventTest, CallbackCannotReRegisterOrCloseItsDevice)
 {
     Adapter& adapter = AddAdapter();
     KarvexDevice& device = OpenedDevice(adapter);
     Sink sink;
+    std::atomic<TSTATUS> inner{TSTATUS_SUCCESS};
     sink.hook = [&](unsigned pin) {
+        if (pin == 1)
+            inner = device.RegisterPinEventCallback(nullptr, nullptr);
         if (pin == 2)
             device.Close();
     };
@@ -312,7 +313,11 @@ TEST_F(DeviceEventTest, CallbackCannotCloseItsDevice)
         adapter.firmware->SendPinEvent(3, 1);
         ASSERT_TRUE(sink.events.WaitForCount(3));
     });
-    EXPECT_EQ("void KarvexDevice::Close(): not allowed from inside the pin event callback\n", trace);
+    EXPECT_EQ(TSTATUS_NOT_ALLOWED, inner.load());
+    EXPECT_EQ(1u, CountOf(trace, kSigRegister + ": not allowed from inside the pin event callback\n")) << trace;
+    EXPECT_EQ(1u, CountOf(trace, "void KarvexDevice::Close(): not allowed from inside the pin event callback\n"))
+        << trace;
+    EXPECT_EQ(2u, CountOf(trace, "\n")) << trace;
     EXPECT_TRUE(device.IsOpen());
     EXPECT_EQ((std::vector<unsigned>{1, 2, 3}), sink.Pins());
     Sync(device);

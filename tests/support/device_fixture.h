@@ -38,6 +38,8 @@ inline const std::string kSigI2c =
 inline const std::string kSigProcess = "void KarvexDevice::ProcessReceivedReport(KarvexReportBuffer&)";
 inline const std::string kSigReader = "void* KarvexDevice::ReadThreadRoutine()";
 inline const std::string kSigPinThread = "void* KarvexDevice::PinEventThreadRoutine()";
+inline const std::string kSigRegister =
+    "TSTATUS KarvexDevice::RegisterPinEventCallback(void (*)(void*, unsigned int, KARVEX_GPIOState), void*)";
 
 using ktest::CaptureTrace;
 using ktest::CountOf;
