@@ -303,52 +303,44 @@ TEST_F(HotplugTest, BaseStartTwiceAndStopTwice)
 // LxHidRawPnPNotificator: filtering and cache
 // ---------------------------------------------------------------------------
 
+// The cache is refreshed on every arrival, and on a removal only when asked
+// to: otherwise the removed adapter stays in it until the next arrival.
+// Adapters present at start are in the cache, so their removal passes.
 TEST_F(HotplugTest, AdapterPlugAndUnplugReportedWithSameSyspathAndCacheFollows)
 {
-    ASSERT_EQ(TSTATUS_SUCCESS, Start(&mAdapterFilter));
-    EXPECT_TRUE(mNotificator.IsStarted());
+    for (bool updateCacheOnRemove : {true, false}) {
+        SCOPED_TRACE(updateCacheOnRemove);
+        const size_t seen = mReceiver.events.Size();
+        kemu::EmuHidDevice& present = Add(Adapter());
+        const std::string gone = present.DevNode();
+        ASSERT_EQ(TSTATUS_SUCCESS, Start(&mAdapterFilter, updateCacheOnRemove));
+        EXPECT_TRUE(mNotificator.IsStarted());
+        Unplug(present);
+        ASSERT_TRUE(mReceiver.events.WaitForCount(seen + 1)) << "timed out waiting for the first removal";
+        kemu::EmuHidDevice& dev = Add(Adapter());
+        const std::string syspath = dev.SysPath(), devnode = dev.DevNode();
+        ASSERT_TRUE(mReceiver.events.WaitForCount(seen + 2)) << "timed out waiting for the arrival";
+        Unplug(dev);
+        ASSERT_TRUE(mReceiver.events.WaitForCount(seen + 3)) << "timed out waiting for the removal";
+        mNotificator.Stop();
 
-    kemu::EmuHidDevice& dev = Add(Adapter());
-    const std::string syspath = dev.SysPath();
-    const std::string devnode = dev.DevNode();
-    ASSERT_TRUE(mReceiver.events.WaitForCount(1)) << "timed out waiting for the arrival";
-    Unplug(dev);
-    ASSERT_TRUE(mReceiver.events.WaitForCount(2)) << "timed out waiting for the removal";
+        const std::vector<Notification> events = mReceiver.events.Items();
+        ASSERT_EQ(seen + 3, events.size());
+        EXPECT_EQ(Action_remove, events[seen].action);
+        EXPECT_EQ(Action_add, events[seen + 1].action);
+        EXPECT_EQ(Action_remove, events[seen + 2].action);
+        EXPECT_EQ(syspath, events[seen + 1].syspath);
+        EXPECT_EQ(syspath, events[seen + 2].syspath);
+        EXPECT_TRUE(events[seen + 1].onNotificationThread);
+        EXPECT_FALSE(mNotificator.IsNotificationThread());
 
-    const std::vector<Notification> events = mReceiver.events.Items();
-    ASSERT_EQ(2u, events.size());
-    EXPECT_EQ(Action_add, events[0].action);
-    EXPECT_EQ(Action_remove, events[1].action);
-    EXPECT_EQ(syspath, events[0].syspath);
-    EXPECT_EQ(syspath, events[1].syspath);
-    EXPECT_TRUE(events[0].onNotificationThread);
-    EXPECT_FALSE(mNotificator.IsNotificationThread());
-
-    // The cache is refreshed on arrival and again on removal.
-    const std::vector<Decision> decisions = mNotificator.decisions.Items();
-    ASSERT_EQ(2u, decisions.size());
-    EXPECT_EQ(std::vector<std::string>{devnode}, decisions[0].cache);
-    EXPECT_TRUE(decisions[1].cache.empty());
-}
-
-TEST_F(HotplugTest, WithoutCacheUpdateOnRemoveTheRemovedAdapterStaysUntilNextArrival)
-{
-    kemu::EmuHidDevice& present = Add(Adapter());
-    ASSERT_EQ(TSTATUS_SUCCESS, Start(&mAdapterFilter, false));
-
-    // Adapters present at start are in the cache, so their removal passes.
-    const std::string gone = present.DevNode();
-    Unplug(present);
-    ASSERT_TRUE(mReceiver.events.WaitForCount(1)) << "timed out waiting for the removal";
-    kemu::EmuHidDevice& next = Add(Adapter(0x7A01));
-    ASSERT_TRUE(mReceiver.events.WaitForCount(2)) << "timed out waiting for the arrival";
-    EXPECT_EQ(Action_remove, mReceiver.events.Items()[0].action);
-    EXPECT_EQ(Action_add, mReceiver.events.Items()[1].action);
-
-    const std::vector<Decision> decisions = mNotificator.decisions.Items();
-    ASSERT_EQ(2u, decisions.size());
-    EXPECT_EQ(std::vector<std::string>{gone}, decisions[0].cache);
-    EXPECT_EQ(std::vector<std::string>{next.DevNode()}, decisions[1].cache);
+        const std::vector<Decision> decisions = mNotificator.decisions.Items();
+        ASSERT_EQ(seen + 3, decisions.size());
+        using Paths = std::vector<std::string>;
+        EXPECT_EQ(updateCacheOnRemove ? Paths{} : Paths{gone}, decisions[seen].cache);
+        EXPECT_EQ(Paths{devnode}, decisions[seen + 1].cache);
+        EXPECT_EQ(updateCacheOnRemove ? Paths{} : Paths{devnode}, decisions[seen + 2].cache);
+    }
 }
 
 TEST_F(HotplugTest, DevicesOutsideTheFilterOrWithoutUsbParentAreNeverReported)
