@@ -60,20 +60,30 @@ protected:
     }
 };
 
-// One thread of its own runs every callback; pin IDs are 32-bit little-endian.
-// (That a callback may run commands, so is not on the reader thread, is the
-// API callback test's matter.)
+// One thread of its own runs every callback, not the reader thread: while a
+// callback is held, commands are still answered. Pin IDs are 32-bit
+// little-endian.
 TEST_F(DeviceEventTest, CallbackRunsOnThePinEventThread)
 {
     Adapter& adapter = AddAdapter();
     KarvexDevice& device = OpenedDevice(adapter);
     Sink sink;
+    Gate gate;
     CloseOnExit closeOnExit(device);
+    sink.hook = [&](unsigned pin) {
+        if (pin == 0x01020304u)
+            gate.Pass();
+    };
     ASSERT_EQ(TSTATUS_SUCCESS, device.RegisterPinEventCallback(SinkCallback, &sink));
     ASSERT_EQ(TSTATUS_SUCCESS, device.SetPinMode(4, GPIOMode_InputEvent));
     adapter.firmware->SetInputLevel(4, true);
     adapter.firmware->SendPinEvent(0x01020304u, 0);
-    ASSERT_TRUE(sink.events.WaitForCount(2));
+    ASSERT_TRUE(sink.entered.WaitForCount(2)) << "the second event to reach the callback";
+    KARVEX_GPIOState state = GPIOState_Low;
+    EXPECT_EQ(TSTATUS_SUCCESS, device.GetPinState(4, state)) << "answered while the callback is held";
+    EXPECT_EQ(GPIOState_High, state);
+    gate.Open();
+    ASSERT_TRUE(sink.events.WaitForCount(2)) << "both events delivered";
     const auto events = sink.events.Items();
     EXPECT_EQ(4u, events[0].pin);
     EXPECT_EQ(GPIOState_High, events[0].state);
