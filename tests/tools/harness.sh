@@ -12,6 +12,8 @@
 #                  FILE matches REGEX; after $WAIT_LIMIT s it says what it
 #                  waited for on stderr and returns 1.
 # wait_cmd REGEX CMD...  the same for the output of CMD, run again and again.
+# $TEST_TMP        an empty directory of the running test's own, for files a
+#                  background command writes and wait_for reads.
 
 set -u
 HARNESS_FAILURES=0
@@ -123,6 +125,11 @@ run_tests() {
     local t
     for t in $(declare -F | awk '{print $3}' | grep '^test_'); do
         HARNESS_CURRENT=$t
+        # A directory of its own for each test's scratch files: a file left by
+        # an earlier test would satisfy a wait_for before the command under
+        # test has even truncated it.
+        TEST_TMP="$HARNESS_TMP/$t"
+        mkdir -p "$TEST_TMP"
         local before=$HARNESS_FAILURES
         "$t"
         if [ "$HARNESS_FAILURES" -eq "$before" ]; then

@@ -61,7 +61,7 @@ test_hotplug() {
             echo "plug 0" >"$CTL_FIFO"
             WAIT_LIMIT=2 wait_for "$2" "removal" 2>/dev/null
         done
-        wait $p; s=$?; cat "$2"; exit $s' sh "$EX/hotplug" "$HARNESS_TMP/hotplug.out"
+        wait $p; s=$?; cat "$2"; exit $s' sh "$EX/hotplug" "$TEST_TMP/hotplug.out"
     status_is 0
     output_matches $'an adapter left; 0 adapter\\(s\\) attached now\n'
     output_matches $'an adapter arrived; 1 adapter\\(s\\) attached now\n'
@@ -79,7 +79,7 @@ test_session() {
         echo "unplug 1" >"$CTL_FIFO"
         wait_for "$2" "now says" "the example to see the removal" || exit 11
         echo "plug 1" >"$CTL_FIFO"
-        wait $p; s=$?; cat "$2"; exit $s' sh "$EX/session" "$HARNESS_TMP/session.out"
+        wait $p; s=$?; cat "$2"; exit $s' sh "$EX/session" "$TEST_TMP/session.out"
     status_is 0
     output_matches $'\n  done: every step worked$'
     output_matches 'read back: 48 65 6c 6c 6f 20 66 72 6f 6d 20 6c 69 62 6b 61 72 76 65 78'

@@ -225,8 +225,8 @@ test_gpio_monitor_stops_on_sigint() {
     # Interrupted once it has printed an event, so it is surely monitoring.
     emu --toggle 3:50 -- bash -c '
         stdbuf -oL "$1" gpio monitor /dev/hidraw0 3 >"$2" & p=$!
-        wait_for "$2" . "the first event" || exit 10
-        kill -INT $p; wait $p; s=$?; cat "$2"; exit $s' sh "$CTL" "$HARNESS_TMP/monitor.out"
+        wait_for "$2" "(rising|falling)" "the first event" || exit 10
+        kill -INT $p; wait $p; s=$?; cat "$2"; exit $s' sh "$CTL" "$TEST_TMP/monitor.out"
     status_is 0
     output_matches $'\t(rising|falling)\t3'
 }
@@ -238,7 +238,7 @@ test_gpio_monitor_reports_unplug() {
         stdbuf -oL "$1" gpio monitor -t 0x10 /dev/hidraw0 3 >"$2" & p=$!
         wait_for "$2" "KARVEX_SetPinMode.*<-- err=0x00000000" "the monitor to listen" || exit 10
         echo "unplug 0" >"$CTL_FIFO"
-        wait $p' sh "$CTL" "$HARNESS_TMP/monitor.out"
+        wait $p' sh "$CTL" "$TEST_TMP/monitor.out"
     status_is 1
     errors_contain "karvexctl gpio monitor: /dev/hidraw0 was unplugged"
 }
@@ -339,7 +339,7 @@ test_watch_prints_unplug_and_replug() {
         wait_for "$2" "removed" "the removal" || exit 11
         echo "plug 1" >"$CTL_FIFO"
         wait $p || exit 12
-        grep -v "^TSTATUS KARVEX_" "$2"' sh "$CTL" "$HARNESS_TMP/watch.out"
+        grep -v "^TSTATUS KARVEX_" "$2"' sh "$CTL" "$TEST_TMP/watch.out"
     status_is 0
     errors_empty
     output_matches $'^[0-9]+\\.[0-9]{9}\tremoved\t/dev/hidraw1\n[0-9]+\\.[0-9]{9}\tattached\t/dev/hidraw1$'
@@ -352,7 +352,7 @@ test_watch_stops_on_sigterm() {
         wait_for "$2" "KARVEX_RegisterDeviceChangeCallback.*<-- err=0x00000000" "the watcher to listen" || exit 10
         echo "unplug 0" >"$CTL_FIFO"
         wait_for "$2" removed "the removal" || exit 11
-        kill -TERM $p; wait $p; s=$?; grep -v "^TSTATUS KARVEX_" "$2"; exit $s' sh "$CTL" "$HARNESS_TMP/watch.out"
+        kill -TERM $p; wait $p; s=$?; grep -v "^TSTATUS KARVEX_" "$2"; exit $s' sh "$CTL" "$TEST_TMP/watch.out"
     status_is 0
     output_matches $'^[0-9.]+\tremoved\t/dev/hidraw0$'
 }
