@@ -45,9 +45,10 @@ for _ in $(seq "$hogs"); do
 done
 
 memcheck_all() {
-  local exe log
-  for exe in "$build"/tests/it_*; do
-    [ "$(basename "$exe")" = it_emulator_selftest ] && continue
+  local exe log exes=()
+  mapfile -t exes < <("$root/scripts/integration-tests.sh" "$build")
+  [ "${#exes[@]}" -gt 0 ] || { echo "*** no integration tests in $build"; return 1; }
+  for exe in "${exes[@]}"; do
     log="$logdir/$(basename "$exe").memcheck.log"
     if ! umockdev-wrapper valgrind -q --error-exitcode=99 --leak-check=full --show-leak-kinds=definite \
         --errors-for-leak-kinds=definite --suppressions="$root/tests/valgrind.supp" "$exe" >"$log" 2>&1; then

@@ -52,13 +52,9 @@ memcheck_one() {
 run_memcheck() {
   echo "=== memcheck (plain build, integration tests) ==="
   command -v valgrind >/dev/null || { echo "valgrind not installed"; return 1; }
-  # The emulator's own self-test checks no library code: left out.
   local exes=()
-  local exe
-  for exe in "$root"/build/plain/tests/it_*; do
-    [ "$(basename "$exe")" = it_emulator_selftest ] || exes+=("$exe")
-  done
-  [ -x "${exes[0]}" ] || { echo "no integration tests in build/plain"; return 1; }
+  mapfile -t exes < <("$root/scripts/integration-tests.sh" "$root/build/plain")
+  [ "${#exes[@]}" -gt 0 ] && [ -x "${exes[0]}" ] || { echo "no integration tests in build/plain"; return 1; }
   export -f memcheck_one
   export root
   printf '%s\n' "${exes[@]}" | xargs -P "$jobs" -I{} bash -c 'memcheck_one "$@"' _ {}
